@@ -1,0 +1,3 @@
+#include "GuardMonitor.h"
+
+namespace zudebug {}  // namespace zudebug

@@ -1,0 +1,3 @@
+#include "PRAXDiagnostician.h"
+
+namespace zudebug {}  // namespace zudebug

@@ -1,0 +1,3 @@
+#include "PropertyControll.h"
+
+namespace zudebug {}  // namespace zudebug

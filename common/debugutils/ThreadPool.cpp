@@ -1,0 +1,3 @@
+#include "ThreadPool.h"
+
+namespace zudebug {}  // namespace zudebug

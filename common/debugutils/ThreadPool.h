@@ -1,0 +1,5 @@
+#pragma once
+
+#include "ZuDebugExport.h"
+
+namespace zudebug {}  // namespace zudebug

@@ -1,0 +1,3 @@
+#include "ZuCallStackUtils.h"
+
+namespace zudebug {}  // namespace zudebug

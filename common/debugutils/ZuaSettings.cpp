@@ -1,0 +1,3 @@
+#include "ZuaSettings.h"
+
+namespace zudebug {}  // namespace zudebug

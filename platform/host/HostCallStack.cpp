@@ -1,0 +1,1 @@
+// Host android::CallStack, android::ProcessCallStack, android::Printer, android::String8.

@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# The whole test suite: format check, then build and test in the plain,
+# AddressSanitizer+UBSan and ThreadSanitizer builds, then a bounded fuzzing run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+./scripts/install-deps.sh
+
+echo "== format check =="
+files=$(git ls-files '*.cpp' '*.h' 2>/dev/null || find common platform tests bench tools -name '*.cpp' -o -name '*.h')
+clang-format --dry-run --Werror $files
+
+jobs=$(nproc)
+for preset in plain asan tsan; do
+  echo "== $preset build =="
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  echo "== $preset tests =="
+  ctest --preset "$preset" -j "$jobs"
+done
+
+echo "== fuzzing (bounded) =="
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j "$jobs"
+for fuzzer in build/fuzz/tests/fuzz/*_fuzz; do
+  [ -x "$fuzzer" ] || continue
+  name=$(basename "$fuzzer")
+  corpus="build/fuzz/corpus/$name"
+  mkdir -p "$corpus"
+  seeds="tests/fuzz/seeds/$name"
+  [ -d "$seeds" ] || seeds=""
+  echo "-- $name"
+  ZUDEBUG_LOGCAT=/dev/null "$fuzzer" -max_total_time="${ZUDEBUG_FUZZ_SECONDS:-60}" -max_len=65536 \
+    -timeout=10 -rss_limit_mb=4096 "$corpus" $seeds
+done
+echo "== all tests passed =="

@@ -1,0 +1,3 @@
+#include "ZuDebugUtils.h"
+#include <gtest/gtest.h>
+TEST(Smoke, GroupTable) { EXPECT_STREQ(zudebug::Log::zuaGroupToString(64), "[HAL ]"); }

@@ -1,0 +1,187 @@
+#include "TestSupport.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+extern char** environ;
+
+namespace zutest {
+
+namespace {
+
+void mkdirs(const std::string& path) {
+  std::string cur;
+  std::stringstream ss(path);
+  std::string part;
+  if (!path.empty() && path[0] == '/') cur = "/";
+  while (std::getline(ss, part, '/')) {
+    if (part.empty()) continue;
+    cur += part + "/";
+    mkdir(cur.c_str(), 0755);
+  }
+}
+
+void removeTree(const std::string& path) {
+  DIR* d = opendir(path.c_str());
+  if (d != nullptr) {
+    while (dirent* e = readdir(d)) {
+      if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+      std::string p = path + "/" + e->d_name;
+      struct stat st;
+      if (lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        removeTree(p);
+      else
+        unlink(p.c_str());
+    }
+    closedir(d);
+  }
+  rmdir(path.c_str());
+}
+
+}  // namespace
+
+TempRoot::TempRoot() {
+  char tmpl[] = "/tmp/zudebug-test-XXXXXX";
+  char* d = mkdtemp(tmpl);
+  if (d == nullptr) abort();
+  mDir = d;
+  mkdirs(path("odm/etc/camera/zorvex"));
+  mkdirs(path("data/vendor/camera/offlinelog"));
+  writeFile("props.txt", "");
+}
+
+TempRoot::~TempRoot() {
+  if (getenv("ZUDEBUG_KEEP_TEST_ROOT") == nullptr) removeTree(mDir);
+}
+
+void TempRoot::writeFile(const std::string& rel, const std::string& content) const {
+  std::string p = path(rel);
+  size_t slash = p.rfind('/');
+  if (slash != std::string::npos) mkdirs(p.substr(0, slash));
+  std::ofstream out(p, std::ios::binary | std::ios::trunc);
+  out.write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+void TempRoot::setProps(const std::map<std::string, std::string>& props) const {
+  std::string text;
+  for (const auto& kv : props) text += kv.first + "=" + kv.second + "\n";
+  writeFile("props.txt", text);
+}
+
+bool ChildResult::exited() const { return WIFEXITED(status); }
+int ChildResult::exitCode() const { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+bool ChildResult::signaled() const { return WIFSIGNALED(status); }
+int ChildResult::termSignal() const { return WIFSIGNALED(status) ? WTERMSIG(status) : 0; }
+
+bool inChild() { return getenv("ZUDEBUG_TEST_CHILD") != nullptr; }
+
+ChildResult runProgram(const std::vector<std::string>& argv, const TempRoot& root,
+                       const std::map<std::string, std::string>& env) {
+  std::map<std::string, std::string> vars;
+  for (char** e = environ; *e != nullptr; ++e) {
+    const char* eq = strchr(*e, '=');
+    if (eq != nullptr) vars[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
+  }
+  vars["ZUDEBUG_TEST_CHILD"] = "1";
+  vars["ZUDEBUG_ROOT"] = root.dir();
+  vars["ZUDEBUG_PROPS"] = root.propsFile();
+  vars["ZUDEBUG_LOGCAT"] = root.logcatFile();
+  vars["ZUDEBUG_ZEBQ"] = root.zebqFile();
+  vars.erase("ZUDEBUG_FREE_MB");
+  for (const auto& kv : env) {
+    if (kv.second.empty())
+      vars.erase(kv.first);
+    else
+      vars[kv.first] = kv.second;
+  }
+  std::vector<std::string> envStrings;
+  for (const auto& kv : vars) envStrings.push_back(kv.first + "=" + kv.second);
+  std::vector<char*> envp;
+  for (auto& s : envStrings) envp.push_back(&s[0]);
+  envp.push_back(nullptr);
+  std::vector<std::string> args = argv;
+  std::vector<char*> argp;
+  for (auto& s : args) argp.push_back(&s[0]);
+  argp.push_back(nullptr);
+
+  int pipefd[2];
+  ChildResult result;
+  if (pipe2(pipefd, O_CLOEXEC) != 0) return result;
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(pipefd[1], STDOUT_FILENO);
+    dup2(pipefd[1], STDERR_FILENO);
+    if (chdir(root.dir().c_str()) != 0) _exit(126);
+    execve(argp[0], argp.data(), envp.data());
+    _exit(127);
+  }
+  close(pipefd[1]);
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(pipefd[0], buf, sizeof(buf))) != 0) {
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    result.output.append(buf, static_cast<size_t>(n));
+  }
+  close(pipefd[0]);
+  waitpid(pid, &result.status, 0);
+  return result;
+}
+
+ChildResult runChild(const std::string& testName, const TempRoot& root,
+                     const std::map<std::string, std::string>& env) {
+  char self[4096];
+  ssize_t len = readlink("/proc/self/exe", self, sizeof(self) - 1);
+  if (len <= 0) return ChildResult{};
+  self[len] = '\0';
+  return runProgram({self, "--gtest_filter=" + testName}, root, env);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+std::vector<std::string> readLines(const std::string& path) {
+  std::vector<std::string> lines;
+  std::ifstream in(path, std::ios::binary);
+  std::string line;
+  while (std::getline(in, line)) lines.push_back(line);
+  return lines;
+}
+
+std::vector<std::string> listDir(const std::string& dir) {
+  std::vector<std::string> names;
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) return names;
+  while (dirent* e = readdir(d)) {
+    if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+  }
+  closedir(d);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+size_t countSubstr(const std::string& text, const std::string& needle) {
+  if (needle.empty()) return 0;
+  size_t count = 0;
+  for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + needle.size()))
+    ++count;
+  return count;
+}
+
+}  // namespace zutest

@@ -1,0 +1,65 @@
+// Helpers for the suites: a throw-away device root, and child processes that load
+// the library afresh with their own root, properties and log files.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace zutest {
+
+// A temporary directory laid out as a device root.
+class TempRoot {
+ public:
+  TempRoot();
+  ~TempRoot();
+  TempRoot(const TempRoot&) = delete;
+  TempRoot& operator=(const TempRoot&) = delete;
+
+  const std::string& dir() const { return mDir; }
+  // `rel` is relative to the root ("odm/etc/camera/zorvex/praxsettings.json").
+  std::string path(const std::string& rel) const { return mDir + "/" + rel; }
+  void writeFile(const std::string& rel, const std::string& content) const;
+  void setProps(const std::map<std::string, std::string>& props) const;
+  std::string settingsFile() const { return path("odm/etc/camera/zorvex/praxsettings.json"); }
+  std::string propsFile() const { return path("props.txt"); }
+  std::string logcatFile() const { return path("logcat.txt"); }
+  std::string zebqFile() const { return path("zebq.txt"); }
+  std::string offlineDir() const { return path("data/vendor/camera/offlinelog"); }
+
+ private:
+  std::string mDir;
+};
+
+struct ChildResult {
+  int status = -1;     // raw wait status
+  std::string output;  // stdout and stderr of the child
+  bool exited() const;
+  int exitCode() const;
+  bool signaled() const;
+  int termSignal() const;
+};
+
+// Runs the current test program again with only `testName` selected
+// ("Suite.Test"), ZUDEBUG_TEST_CHILD=1, ZUDEBUG_ROOT/PROPS/LOGCAT/ZEBQ pointing into
+// `root`, and the root as working directory. `env` adds or overrides variables.
+ChildResult runChild(const std::string& testName, const TempRoot& root,
+                     const std::map<std::string, std::string>& env = {});
+
+// Runs any program with arguments, same environment rules as runChild.
+ChildResult runProgram(const std::vector<std::string>& argv, const TempRoot& root,
+                       const std::map<std::string, std::string>& env = {});
+
+bool inChild();
+std::string readFile(const std::string& path);
+std::vector<std::string> readLines(const std::string& path);
+std::vector<std::string> listDir(const std::string& dir);
+size_t countSubstr(const std::string& text, const std::string& needle);
+
+}  // namespace zutest
+
+// Body of a test that only makes sense in a child started by runChild.
+#define ZU_CHILD_ONLY() \
+  if (!::zutest::inChild()) GTEST_SKIP() << "runs in a child process"

@@ -1,0 +1,26 @@
+// The simulated camera process: started by the launcher with ZUDEBUG_ROOT and the
+// other host controls set, it uses the library the way the camera HAL does.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "Scenes.h"
+
+void sceneHeading(const char* title) { printf("\n== %s ==\n", title); }
+
+int main(int argc, char** argv) {
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  HostOptions opts;
+  const char* root = getenv("ZUDEBUG_ROOT");
+  opts.root = root ? root : "";
+  for (int i = 1; i < argc; ++i) {
+    if (strcmp(argv[i], "--crash") == 0) opts.crash = true;
+  }
+  runLoggingScene(opts);
+  runOfflineScene(opts);
+  runGuardScene(opts);
+  runSnapshotScene(opts);
+  runModulesScene(opts);
+  runCrashScene(opts);
+  return 0;
+}

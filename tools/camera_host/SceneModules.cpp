@@ -1,0 +1,3 @@
+#include "Scenes.h"
+
+void runModulesScene(const HostOptions&) {}

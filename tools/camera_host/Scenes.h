@@ -1,0 +1,20 @@
+// Scenes of the simulated camera process, one per subsystem, run in this order.
+#pragma once
+
+#include <string>
+
+struct HostOptions {
+  std::string root;    // the device root (ZUDEBUG_ROOT)
+  bool crash = false;  // end with a real invalid memory access in a pipeline thread
+};
+
+// Prints a scene heading on stdout.
+void sceneHeading(const char* title);
+
+void runLoggingScene(const HostOptions& opts);
+void runOfflineScene(const HostOptions& opts);
+void runGuardScene(const HostOptions& opts);
+void runSnapshotScene(const HostOptions& opts);
+void runModulesScene(const HostOptions& opts);
+// Runs last: stops the offline loggers, or crashes when asked to.
+void runCrashScene(const HostOptions& opts);
