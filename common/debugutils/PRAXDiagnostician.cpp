@@ -1,3 +1,9 @@
 #include "PRAXDiagnostician.h"
 
-namespace zudebug {}  // namespace zudebug
+namespace zudebug {
+
+// ---- snapshot diagnostics ----
+
+// ---- module diagnostician ----
+
+}  // namespace zudebug

@@ -2,4 +2,10 @@
 
 #include "ZuDebugExport.h"
 
-namespace zudebug {}  // namespace zudebug
+namespace zudebug {
+
+// ---- snapshot diagnostics ----
+
+// ---- module diagnostician ----
+
+}  // namespace zudebug
