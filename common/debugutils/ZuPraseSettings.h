@@ -3,9 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
-
-#include <rapidjson/document.h>
 
 #include "ZuDebugExport.h"
 
@@ -33,8 +32,15 @@ enum SettingMask : int32_t {
 
 class ZUDEBUG_EXPORT ZuPraseSettings {
  public:
-  // The one instance; the file is read and parsed at the first call.
+  // The one instance, reading the device's settings file; the file is read and
+  // parsed at the first call.
   static ZuPraseSettings* getInstance();
+
+  // A reader of another settings file (same rules; `path` is a device path).
+  explicit ZuPraseSettings(const char* path);
+  ~ZuPraseSettings();
+  ZuPraseSettings(const ZuPraseSettings&) = delete;
+  ZuPraseSettings& operator=(const ZuPraseSettings&) = delete;
 
   int32_t getIntFromSettingInfo(SettingMask mask, int32_t defaultValue, const char* propName);
   bool getBoolFromSettingInfo(SettingMask mask, bool defaultValue, const char* propName);
@@ -45,14 +51,12 @@ class ZUDEBUG_EXPORT ZuPraseSettings {
 
   bool usePropPriority() const { return mUsePropPriority; }
 
-  ZuPraseSettings(const ZuPraseSettings&) = delete;
-  ZuPraseSettings& operator=(const ZuPraseSettings&) = delete;
-
  private:
-  ZuPraseSettings();
-  ~ZuPraseSettings() = default;
+  struct Document;  // the parsed file; its root is always an object
 
-  rapidjson::Document mDocument;
+  std::string remapJsonFile(const std::string& defaultValue) const;
+
+  std::unique_ptr<Document> mDocument;
   bool mUsePropPriority = true;
 };
 
