@@ -1,39 +1,171 @@
-// Host libutilscallstack: CallStack and ProcessCallStack.
+// Host libutilscallstack: CallStack and ProcessCallStack over the host unwinder.
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "HostUnwind.h"
 #include "utils/CallStack.h"
 #include "utils/ProcessCallStack.h"
 
 namespace android {
 
+namespace {
+
+pid_t currentTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+std::string commandLine() {
+  int fd = open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return "<unknown>";
+  char buf[512];
+  ssize_t n = read(fd, buf, sizeof(buf) - 1);
+  close(fd);
+  if (n <= 0) return "<unknown>";
+  buf[n] = '\0';
+  return buf;  // the program name: arguments are separated by zeros
+}
+
+}  // namespace
+
+// ---- CallStack ----
+
 CallStack::CallStack() = default;
+
 CallStack::CallStack(const char* logtag, int32_t ignoreDepth) {
   update(ignoreDepth + 1);
   log(logtag);
 }
+
 CallStack::~CallStack() = default;
+
 void CallStack::clear() { mFrameLines.clear(); }
-void CallStack::update(int32_t, pid_t) { clear(); }
+
+// Frame 0 is this function itself, so 1 starts at its caller. Not inlined, and no
+// tail calls out of it, so that the count holds.
+__attribute__((noinline)) void CallStack::update(int32_t ignoreDepth, pid_t tid) {
+  clear();
+  size_t skip = ignoreDepth > 0 ? static_cast<size_t>(ignoreDepth) : 0;
+  hostunwind::Frame frames[hostunwind::kMaxFrames];
+  size_t count = 0;
+  if (tid < 0 || tid == currentTid()) {
+    count = hostunwind::captureCurrent(skip, frames, hostunwind::kMaxFrames);
+  } else {
+    hostunwind::captureThread(tid, skip, frames, hostunwind::kMaxFrames, &count,
+                              hostunwind::kRemoteTimeoutMs);
+  }
+  mFrameLines.reserve(count);
+  for (size_t i = 0; i < count; ++i) mFrameLines.emplace_back(hostunwind::formatFrame(i, frames[i]).c_str());
+  asm volatile("" ::: "memory");
+}
+
 void CallStack::log(const char* logtag, android_LogPriority priority, const char* prefix) const {
   LogPrinter printer(logtag, priority, prefix, false);
   print(printer);
 }
+
 void CallStack::dump(int fd, int indent, const char* prefix) const {
-  FdPrinter printer(fd, static_cast<unsigned int>(indent), prefix);
+  FdPrinter printer(fd, indent > 0 ? static_cast<unsigned int>(indent) : 0u, prefix);
   print(printer);
 }
+
 String8 CallStack::toString(const char* prefix) const {
   String8 s;
   String8Printer printer(&s, prefix);
   print(printer);
   return s;
 }
+
 void CallStack::print(Printer& printer) const {
   for (const String8& line : mFrameLines) printer.printLine(line.c_str());
 }
 
+__attribute__((noinline)) std::unique_ptr<CallStack> CallStack::getCurrent(int32_t ignoreDepth) {
+  std::unique_ptr<CallStack> stack(new CallStack());
+  stack->update(ignoreDepth + 1);
+  asm volatile("" ::: "memory");
+  return stack;
+}
+
+void CallStack::logStack(const char* logtag, CallStack* stack, android_LogPriority priority) {
+  if (stack != nullptr) {
+    stack->log(logtag, priority);
+  } else {
+    getCurrent(2)->log(logtag, priority);
+  }
+}
+
+String8 CallStack::stackToString(const char* prefix, const CallStack* stack) {
+  if (stack != nullptr) return stack->toString(prefix);
+  return getCurrent(2)->toString(prefix);
+}
+
+// ---- ProcessCallStack ----
+
 ProcessCallStack::ProcessCallStack() : mTimeUpdated() {}
 ProcessCallStack::ProcessCallStack(const ProcessCallStack& rhs) = default;
 ProcessCallStack::~ProcessCallStack() = default;
-void ProcessCallStack::update() { mThreadMap.clear(); }
-void ProcessCallStack::print(Printer& printer) const { (void)printer; }
+
+void ProcessCallStack::update() {
+  mThreadMap.clear();
+  time_t now = time(nullptr);
+  if (localtime_r(&now, &mTimeUpdated) == nullptr) mTimeUpdated = tm();
+  DIR* dir = opendir("/proc/self/task");
+  if (dir == nullptr) return;
+  while (struct dirent* ent = readdir(dir)) {
+    char* end = nullptr;
+    long tid = strtol(ent->d_name, &end, 10);
+    if (end == ent->d_name || *end != '\0' || tid <= 0) continue;
+    ThreadInfo& info = mThreadMap[static_cast<pid_t>(tid)];
+    info.threadName = hostunwind::threadName(static_cast<pid_t>(tid)).c_str();
+    info.callStack.update(0, static_cast<pid_t>(tid));
+  }
+  closedir(dir);
+}
+
+void ProcessCallStack::log(const char* logtag, android_LogPriority priority, const char* prefix) const {
+  LogPrinter printer(logtag, priority, prefix, false);
+  print(printer);
+}
+
+void ProcessCallStack::dump(int fd, int indent, const char* prefix) const {
+  FdPrinter printer(fd, indent > 0 ? static_cast<unsigned int>(indent) : 0u, prefix);
+  print(printer);
+}
+
+String8 ProcessCallStack::toString(const char* prefix) const {
+  String8 s;
+  String8Printer printer(&s, prefix);
+  print(printer);
+  return s;
+}
+
+void ProcessCallStack::print(Printer& printer) const {
+  // Frames are indented under their thread's header.
+  PrefixPrinter csPrinter(printer, "  ");
+  printInternal(printer, csPrinter);
+}
+
+void ProcessCallStack::printInternal(Printer& printer, Printer& csPrinter) const {
+  char timeText[64];
+  if (strftime(timeText, sizeof(timeText), "%Y-%m-%d %H:%M:%S", &mTimeUpdated) == 0) {
+    snprintf(timeText, sizeof(timeText), "<unknown>");
+  }
+  const int pid = static_cast<int>(getpid());
+  printer.printLine("");
+  printer.printFormatLine("----- pid %d at %s -----", pid, timeText);
+  printer.printFormatLine("Cmd line: %s", commandLine().c_str());
+  for (const auto& entry : mThreadMap) {
+    printer.printLine("");
+    printer.printFormatLine("\"%s\" sysTid=%d", entry.second.threadName.c_str(),
+                            static_cast<int>(entry.first));
+    entry.second.callStack.print(csPrinter);
+  }
+  printer.printLine("");
+  printer.printFormatLine("----- end %d -----", pid);
+}
 
 }  // namespace android
