@@ -1,10 +1,698 @@
 #include "ZuDebugOfflineLogger.h"
 
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+#include <queue>
+#include <thread>
+#include <zudebug_platform/fs.h>
+
 #include "ZuDebugUtils.h"
 
 namespace zudebug {
 
 // ---- offline logger ----
+
+namespace {
+
+constexpr uint32_t kBlockSize = 1048576;       // one queue
+constexpr uint32_t kVolumeLimit = 10485760;    // bytes a thread writes before it hands over
+constexpr uint32_t kFileSizeLimit = 10485760;  // a file is closed once it passes 10 MiB
+constexpr int kBlocksPerGrowth = 16;           // the pool grows 16 MiB at a time
+constexpr uint32_t kFlushThreshold = 8;        // queues waiting before a normal flush writes
+constexpr float kMinFreeMiB = 3000.0f;         // below this the logger does not start
+constexpr const char* kLogDir = "/data/vendor/camera/offlinelog";
+constexpr const char* kNoSpaceText = "OfflineLogger detect file system has no space left";
+
+// Thread ids are cached per thread; a forked child must not see its parent's.
+std::atomic<uint32_t> sForkEpoch{1};
+void onForkChild() { sForkEpoch.fetch_add(1, std::memory_order_relaxed); }
+const int sAtForkRegistered = pthread_atfork(nullptr, nullptr, onForkChild);
+
+struct TidCache {
+  uint32_t tid;
+  uint32_t epoch;
+};
+thread_local TidCache sTidCache = {0, 0};
+
+// What a thread keeps per logger type. Trivially constructed and destroyed, so that
+// the append path (and a signal handler) can reach it without any set-up call.
+struct threadLocalInfo {
+  uint8_t* queueAddress;
+  int32_t sThreadLocalQueuePoolId;
+  uint32_t session;
+  uint32_t bytesSinceReset;
+  uint32_t offset;
+  uint32_t generation;
+  PerLogThreadInfo* record;  // the record of the current queue
+  uint32_t epoch;            // record epoch the record belongs to
+  bool inAppend;             // an append of this thread is under way
+};
+thread_local threadLocalInfo sThreadLocalInfo[2] = {};
+
+// The thread-exit half: touched when a thread takes its first queue, destroyed when
+// the thread ends, which hands its last queues over.
+struct ThreadLifetimes {
+  LifetimeThreadInfo info[2] = {LifetimeThreadInfo(ZuOfflineLoggerType::Debug),
+                                LifetimeThreadInfo(ZuOfflineLoggerType::Binary)};
+};
+thread_local ThreadLifetimes sThreadLifetimes;
+
+inline int slotOf(ZuOfflineLoggerType type) { return type == ZuOfflineLoggerType::Debug ? 0 : 1; }
+
+using Clock = std::chrono::steady_clock;
+
+bool pastDeadline(Clock::time_point deadline) {
+  return deadline != Clock::time_point::max() && Clock::now() >= deadline;
+}
+
+// Releases what it holds on every path.
+template <class M>
+class HeldLock {
+ public:
+  HeldLock(M& m, Clock::time_point deadline) : mMutex(m), mHeld(m.try_lock_until(deadline)) {}
+  ~HeldLock() {
+    if (mHeld) mMutex.unlock();
+  }
+  HeldLock(const HeldLock&) = delete;
+  HeldLock& operator=(const HeldLock&) = delete;
+  bool held() const { return mHeld; }
+
+ private:
+  M& mMutex;
+  bool mHeld;
+};
+
+// Full device path -> path to open on this system.
+struct ResolvedPath {
+  explicit ResolvedPath(const char* path) : str(platform_resolve_path(path, buf, sizeof(buf))) {}
+  char buf[PLATFORM_PATH_MAX];
+  const char* str;
+};
+
+bool writeAll(int fd, const uint8_t* data, size_t len) {
+  while (len > 0) {
+    ssize_t w = ::write(fd, data, len);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) return false;
+    data += w;
+    len -= static_cast<size_t>(w);
+  }
+  return true;
+}
+
+}  // namespace
+
+uint32_t zuCurrentTid() {
+  const uint32_t epoch = sForkEpoch.load(std::memory_order_relaxed);
+  TidCache& c = sTidCache;
+  if (c.epoch != epoch) {
+    c.tid = static_cast<uint32_t>(syscall(SYS_gettid));
+    c.epoch = epoch;
+  }
+  return c.tid;
+}
+
+// ---- pool lock ----
+
+bool ZuPoolLock::lockShared(Deadline deadline) {
+  Stripe& stripe = mStripes[zuCurrentTid() % kStripes];
+  for (;;) {
+    stripe.readers.fetch_add(1, std::memory_order_seq_cst);
+    if (!mWriter.load(std::memory_order_seq_cst)) return true;
+    stripe.readers.fetch_sub(1, std::memory_order_release);
+    // A writer is in: wait until it leaves, then try again.
+    if (deadline == Deadline::max()) {
+      mWriterMutex.lock();
+    } else if (!mWriterMutex.try_lock_until(deadline)) {
+      return false;
+    }
+    mWriterMutex.unlock();
+  }
+}
+
+void ZuPoolLock::unlockShared() {
+  mStripes[zuCurrentTid() % kStripes].readers.fetch_sub(1, std::memory_order_release);
+}
+
+bool ZuPoolLock::lock(Deadline deadline) {
+  if (deadline == Deadline::max()) {
+    mWriterMutex.lock();
+  } else if (!mWriterMutex.try_lock_until(deadline)) {
+    return false;
+  }
+  mWriter.store(true, std::memory_order_seq_cst);
+  for (Stripe& stripe : mStripes) {
+    for (int spins = 0; stripe.readers.load(std::memory_order_seq_cst) != 0; ++spins) {
+      if (pastDeadline(deadline)) {
+        mWriter.store(false, std::memory_order_release);
+        mWriterMutex.unlock();
+        return false;
+      }
+      if (spins < 64) {
+        std::this_thread::yield();
+      } else {
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+      }
+    }
+  }
+  mOwner.store(zuCurrentTid(), std::memory_order_relaxed);
+  return true;
+}
+
+void ZuPoolLock::unlock() {
+  mOwner.store(0, std::memory_order_relaxed);
+  mWriter.store(false, std::memory_order_release);
+  mWriterMutex.unlock();
+}
+
+// ---- thread exit ----
+
+LifetimeThreadInfo::~LifetimeThreadInfo() {
+  if (threadId == 0) return;
+  ZuDegbugOfflineLogger* logger = ZuDegbugOfflineLogger::getInstance(loggerType);
+  // Hand over only a queue that is still this thread's: a stop or reset since it was
+  // taken has already reclaimed it. Resets bump the epoch under the same mutex.
+  std::lock_guard<ZuOwnedRecursiveMutex> pool(logger->mPoolMutex);
+  if (epoch == logger->mRecordEpoch.load(std::memory_order_relaxed) &&
+      session == logger->mSessionCount.load(std::memory_order_relaxed))
+    logger->requestFlushLogQueueUntil(registerId, Clock::time_point::max());
+  threadId = 0;
+}
+
+// ---- construction ----
+
+ZuDegbugOfflineLogger* ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType type) {
+  static ZuDegbugOfflineLogger* const* loggers = [] {
+    // Never destroyed: threads may log until the very end of the process.
+    static ZuDegbugOfflineLogger* pair[2] = {new ZuDegbugOfflineLogger(ZuOfflineLoggerType::Debug),
+                                             new ZuDegbugOfflineLogger(ZuOfflineLoggerType::Binary)};
+    return pair;
+  }();
+  return loggers[slotOf(type)];
+}
+
+ZuDegbugOfflineLogger::ZuDegbugOfflineLogger(ZuOfflineLoggerType type)
+    : mZuOfflineLoggerType(type), mTypeName(type == ZuOfflineLoggerType::Debug ? "Debug" : "Binary") {}
+
+ZuDegbugOfflineLogger::~ZuDegbugOfflineLogger() {
+  for (uint8_t* block : mMemoryLogPool) free(block);
+}
+
+// ---- queues ----
+
+int ZuDegbugOfflineLogger::allocateLogQueueMemPool() {
+  std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
+  int result = 0;
+  for (int i = 0; i < kBlocksPerGrowth; ++i) {
+    auto* block = static_cast<uint8_t*>(calloc(1, kBlockSize));
+    if (block == nullptr) {
+      ZU_DBG_LOGE("OfflineLogger allocate memory failed");
+      result = -1;
+      continue;
+    }
+    mMemoryLogPool.push_back(block);
+    mFreeMemoryIndex.push_back(static_cast<int>(mMemoryLogPool.size() - 1));
+  }
+  ZU_DBG_LOGI("mMemoryLogPool: %zu", mMemoryLogPool.size());
+  return result;
+}
+
+int ZuDegbugOfflineLogger::requestNewLogQueue(uint8_t*& queue, uint32_t threadId) {
+  return requestNewLogQueueUntil(queue, threadId, Clock::time_point::max(), nullptr);
+}
+
+int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t threadId, Deadline deadline,
+                                                   bool* blocked) {
+  HeldLock<ZuOwnedRecursiveMutex> queueLock(mQueueMutex, deadline);
+  if (!queueLock.held()) {
+    if (blocked) *blocked = true;
+    return -1;
+  }
+  HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+  if (!poolLock.held()) {
+    if (blocked) *blocked = true;
+    return -1;
+  }
+  const int slot = slotOf(mZuOfflineLoggerType);
+  threadLocalInfo& local = sThreadLocalInfo[slot];
+  LifetimeThreadInfo& lifetime = sThreadLifetimes.info[slot];
+  if (mFreeMemoryIndex.empty()) allocateLogQueueMemPool();
+  if (mFreeMemoryIndex.empty()) {
+    ZU_DBG_LOGE("Offlinelog failed to request new container");
+    queue = nullptr;
+    local.record = nullptr;
+    local.sThreadLocalQueuePoolId = -1;
+    lifetime.threadId = 0;  // nothing left to hand over at exit
+    lifetime.registerId = -1;
+    return -1;
+  }
+  const int block = mFreeMemoryIndex.front();
+  mFreeMemoryIndex.pop_front();
+  int registerId;
+  if (!mFreeRegisterId.empty()) {
+    registerId = mFreeRegisterId.front();
+    mFreeRegisterId.pop_front();
+  } else {
+    mPerLogInfoPool.push_back(std::make_unique<PerLogThreadInfo>());
+    registerId = static_cast<int>(mPerLogInfoPool.size() - 1);
+  }
+  PerLogThreadInfo& record = *mPerLogInfoPool[registerId];
+  record.bNeedFlush = false;
+  record.bReserved = false;
+  record.memoryIndex = block;
+  record.threadId = threadId;
+  record.sessionCount = local.session;
+  record.usedSize = 0;
+  record.writtenTotal = 0;
+  record.address = mMemoryLogPool[block];
+
+  queue = record.address;
+  local.record = &record;
+  local.sThreadLocalQueuePoolId = registerId;
+  local.epoch = mRecordEpoch.load(std::memory_order_relaxed);
+  lifetime.threadId = threadId;
+  lifetime.registerId = registerId;
+  lifetime.session = local.session;
+  lifetime.epoch = local.epoch;
+  return registerId;
+}
+
+void ZuDegbugOfflineLogger::requestFlushLogQueue(int registerId) {
+  requestFlushLogQueueUntil(registerId, Clock::time_point::max());
+}
+
+bool ZuDegbugOfflineLogger::requestFlushLogQueueUntil(int registerId, Deadline deadline) {
+  {
+    HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+    if (!poolLock.held()) return false;
+    if (registerId < 0 || registerId >= static_cast<int>(mPerLogInfoPool.size())) {
+      ZU_DBG_LOGE("ZuDegbugOfflineLogger registerId %d mPerLogInfoPool %d", registerId,
+                  static_cast<int>(mPerLogInfoPool.size()));
+      return true;
+    }
+    mPerLogInfoPool[registerId]->bNeedFlush = true;
+    mNeedFlushThreadCount.fetch_add(1, std::memory_order_relaxed);
+    mFlushRegisterId.push_back(registerId);
+  }
+  // A bounded caller may be a signal handler: it leaves the wake-up to its own flush.
+  void (*trigger)() = mFlushTrigger.load(std::memory_order_acquire);
+  if (trigger != nullptr && deadline == Clock::time_point::max()) {
+    ZU_DBG_LOGI("OfflineLogger requestFlushLogQueue Signaled!!Signal = %p, mNeedFlushThreadCount:%d",
+                reinterpret_cast<void*>(trigger), static_cast<int>(mNeedFlushThreadCount.load()));
+    trigger();
+  }
+  return true;
+}
+
+void ZuDegbugOfflineLogger::addLog(const char* line, unsigned int length) {
+  addLogImpl(line, length, Clock::time_point::max());
+}
+
+bool ZuDegbugOfflineLogger::addLogUntil(const char* line, unsigned int length, Deadline deadline) {
+  if (isHeldByCurrentThread()) return false;
+  return addLogImpl(line, length, deadline) == AppendResult::Done;
+}
+
+ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char* line, unsigned int length,
+                                                                      Deadline deadline) {
+  if (mStatus.load(std::memory_order_acquire) != kStatusActive) return AppendResult::Done;
+  threadLocalInfo& local = sThreadLocalInfo[slotOf(mZuOfflineLoggerType)];
+  // Re-entered from a signal handler in the middle of this thread's own append.
+  if (local.inAppend) return AppendResult::Blocked;
+  if (line == nullptr || length == 0) return AppendResult::Done;
+  if (length > kBlockSize) {
+    ZU_DBG_LOGE("OfflineLogger line of %u bytes does not fit a queue, dropped", length);
+    return AppendResult::Done;
+  }
+  if (!mPoolLock.lockShared(deadline)) return AppendResult::Blocked;
+  struct Leave {
+    ZuPoolLock& lock;
+    threadLocalInfo& local;
+    ~Leave() {
+      local.inAppend = false;
+      lock.unlockShared();
+    }
+  } leave{mPoolLock, local};
+  local.inAppend = true;
+  if (mStatus.load(std::memory_order_acquire) != kStatusActive) return AppendResult::Done;
+
+  const uint32_t generation = mFlushGeneration.load(std::memory_order_relaxed);
+  const uint32_t session = mSessionCount.load(std::memory_order_relaxed);
+  bool needNewQueue = false;
+  if (local.session != session) {
+    // First line of this thread, or the logger was restarted: the old queue is gone.
+    uint8_t* queue = nullptr;
+    const uint32_t oldSession = local.session;
+    local.session = session;
+    bool blocked = false;
+    const int id = requestNewLogQueueUntil(queue, zuCurrentTid(), deadline, &blocked);
+    if (blocked) {
+      local.session = oldSession;
+      return AppendResult::Blocked;
+    }
+    local.queueAddress = queue;
+    local.sThreadLocalQueuePoolId = id;
+    local.offset = 0;
+    local.bytesSinceReset = 0;
+    local.generation = generation;
+  } else {
+    if (local.record == nullptr || local.epoch != mRecordEpoch.load(std::memory_order_relaxed)) {
+      // Every record was reset since this thread took its queue (or it never got one):
+      // check what is left of it.
+      HeldLock<ZuOwnedRecursiveMutex> queueLock(mQueueMutex, deadline);
+      if (!queueLock.held()) return AppendResult::Blocked;
+      const int id = local.sThreadLocalQueuePoolId;
+      if (id < 0 || id >= static_cast<int>(mPerLogInfoPool.size())) {
+        ZU_DBG_LOGE(
+            "sThreadLocalInfo[static_cast<int>(mZuOfflineLoggerType)].sThreadLocalQueuePoolId : %d "
+            "mPerLogInfoPool size: %d",
+            id, static_cast<int>(mPerLogInfoPool.size()));
+        return AppendResult::Done;
+      }
+      PerLogThreadInfo& record = *mPerLogInfoPool[id];
+      ZU_DBG_LOGE("OFFLINELOG:%p != %p %d %d", static_cast<void*>(record.address),
+                  static_cast<void*>(local.queueAddress), id, record.memoryIndex);
+      needNewQueue = true;
+    } else if (local.generation != generation) {
+      // A forced flush wrote this thread's bytes: start again at the top of the block.
+      local.generation = generation;
+      local.offset = 0;
+      local.bytesSinceReset = 0;
+      local.record->usedSize = 0;
+    }
+    if (!needNewQueue && (local.offset + length > kBlockSize || local.bytesSinceReset > kVolumeLimit ||
+                          local.queueAddress == nullptr)) {
+      needNewQueue = local.queueAddress != nullptr;
+      if (local.bytesSinceReset > kVolumeLimit) local.bytesSinceReset = 0;
+    }
+    if (needNewQueue) {
+      // Hand the full queue over and take a fresh one, both or neither.
+      HeldLock<ZuOwnedRecursiveMutex> queueLock(mQueueMutex, deadline);
+      if (!queueLock.held()) return AppendResult::Blocked;
+      HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+      if (!poolLock.held()) return AppendResult::Blocked;
+      const bool ownQueue =
+          local.record != nullptr && local.epoch == mRecordEpoch.load(std::memory_order_relaxed);
+      if (ownQueue) requestFlushLogQueueUntil(local.sThreadLocalQueuePoolId, deadline);
+      uint8_t* queue = nullptr;
+      const int id = requestNewLogQueueUntil(queue, zuCurrentTid(), deadline, nullptr);
+      local.queueAddress = queue;
+      local.sThreadLocalQueuePoolId = id;
+      local.offset = 0;
+      local.generation = generation;
+    }
+  }
+  if (local.queueAddress == nullptr) {
+    ZU_DBG_LOGE("memoryAddressToWrite is %p inputlog address is %p!", static_cast<void*>(local.queueAddress),
+                static_cast<const void*>(line));
+    return AppendResult::Done;
+  }
+  memcpy(local.queueAddress + local.offset, line, length);
+  local.offset += length;
+  local.bytesSinceReset += length;
+  // The counters are the owner's alone while it holds the shared side of the pool lock.
+  local.record->usedSize = local.offset;
+  local.record->writtenTotal = local.bytesSinceReset;
+  return AppendResult::Done;
+}
+
+// ---- files ----
+
+int ZuDegbugOfflineLogger::flushLogToFile(bool force) {
+  int result = 0;
+  flushImpl(force, Clock::time_point::max(), &result);
+  return result;
+}
+
+bool ZuDegbugOfflineLogger::flushLogToFileUntil(bool force, Deadline deadline, int* result) {
+  if (isHeldByCurrentThread()) return false;
+  int r = 0;
+  const bool done = flushImpl(force, deadline, &r);
+  if (result) *result = r;
+  return done;
+}
+
+bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result) {
+  ZU_DBG_LOGI("flushLogToFile lastFlush: %d, status: %d, mNeedFlushThreadCount: %d", force ? 1 : 0,
+              static_cast<int>(mStatus.load()), static_cast<int>(mNeedFlushThreadCount.load()));
+  *result = 0;
+  if (mStatus.load() == kStatusStopped) {
+    *result = -1;
+    return true;
+  }
+  // Small amounts wait in memory; no need to stop every appender to find that out.
+  if (!force && mNeedFlushThreadCount.load() < kFlushThreshold) return true;
+  if (!mPoolLock.lock(deadline)) return false;
+  struct Unlock {
+    ZuPoolLock& lock;
+    ~Unlock() { lock.unlock(); }
+  } unlockPool{mPoolLock};
+  HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+  if (!poolLock.held()) return false;
+  HeldLock<ZuOwnedPlainMutex> fileLock(mFileMutex, deadline);
+  if (!fileLock.held()) return false;
+  if (mStatus.load() == kStatusStopped) {
+    *result = -1;
+    return true;
+  }
+  if (force) {
+    mStatus.store(kStatusStopping);
+    for (int id = 0; id < static_cast<int>(mPerLogInfoPool.size()); ++id) mFlushRegisterId.push_back(id);
+  }
+  if (!force && mNeedFlushThreadCount.load() < kFlushThreshold) return true;
+
+  while (!mFlushRegisterId.empty()) {
+    const int id = mFlushRegisterId.front();
+    mFlushRegisterId.pop_front();
+    if (id < 0 || id >= static_cast<int>(mPerLogInfoPool.size())) continue;
+    writeRecordLocked(*mPerLogInfoPool[id], force);
+    PerLogThreadInfo& record = *mPerLogInfoPool[id];
+    if (record.bReserved) {
+      // Handed over: block and record go back to the free lists.
+      record.bReserved = false;
+      mFreeMemoryIndex.push_back(record.memoryIndex);
+      mFreeRegisterId.push_back(id);
+    }
+  }
+  while (mFileList.size() > mFileLimit) {
+    const std::string& oldest = mFileList.front();
+    ResolvedPath path(oldest.c_str());
+    if (unlink(path.str) != 0) ZU_DBG_LOGE("remove OfflineLog failed: %s", oldest.c_str());
+    mFileList.pop_front();
+  }
+  if (force) {
+    uint32_t next = mFlushGeneration.load(std::memory_order_relaxed) + 1;
+    if (next == 0) next = 1;
+    mFlushGeneration.store(next, std::memory_order_relaxed);
+  }
+  return true;
+}
+
+// Writes one record's bytes when it waits for flushing, or holds data at a forced
+// flush. A record that was handed over is marked in bReserved for recycling; a live
+// thread's record is only emptied and stays with its owner.
+void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool force) {
+  if (!mFileOpen) {
+    std::string name = getPrefixFilename();
+    name += mZuOfflineLoggerType == ZuOfflineLoggerType::Binary ? ".bin" : ".txt";
+    mCurrentFileName = name;
+    mFileList.push_back(name);
+    mFileOpen = 1;
+  }
+  ZU_DBG_LOGI("bNeedFlush: %d, lastFlush: %d, fileName: %s", record.bNeedFlush ? 1 : 0, force ? 1 : 0,
+              mCurrentFileName.c_str());
+  const bool waiting = record.bNeedFlush;
+  if (!waiting && !(force && record.usedSize > 0)) return;
+  ResolvedPath path(mCurrentFileName.c_str());
+  const int fd = ::open(path.str, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  bool ok = fd >= 0;
+  if (ok) {
+    fchmod(fd, 0666);
+    ok = writeAll(fd, record.address, record.usedSize);
+    ::close(fd);
+  }
+  if (!ok) ZU_DBG_LOGE("zu-debug TXT Offlinelog failed to open file and write");
+  mCurrentFileSize += record.usedSize;
+  if (mCurrentFileSize > kFileSizeLimit) {
+    mFileOpen = 0;
+    mCurrentFileName.clear();
+    mCurrentFileSize = 0;
+  }
+  record.usedSize = 0;
+  if (waiting) {
+    record.bNeedFlush = false;
+    record.bReserved = true;
+    uint32_t count = mNeedFlushThreadCount.load(std::memory_order_relaxed);
+    if (count > 0) mNeedFlushThreadCount.store(count - 1, std::memory_order_relaxed);
+  }
+}
+
+std::string ZuDegbugOfflineLogger::getPrefixFilename() {
+  struct timeval tv;
+  gettimeofday(&tv, nullptr);
+  struct tm tm;
+  char stamp[50] = "";
+  if (localtime_r(&tv.tv_sec, &tm) != nullptr) {
+    snprintf(stamp, sizeof(stamp), "%2d-%02d-%02d--%02d-%02d-%02d-%03ld", tm.tm_year + 1900, tm.tm_mon + 1,
+             tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<long>(tv.tv_usec));
+  }
+  std::string name = std::string(kLogDir) + "/ZuCam_" + mTypeName + "_" + stamp;
+  mCurrentFileName = name;
+  return name;
+}
+
+std::string ZuDegbugOfflineLogger::getCurrentTime() {
+  struct timeval tv;
+  gettimeofday(&tv, nullptr);
+  struct tm tm;
+  char stamp[50] = "";
+  if (localtime_r(&tv.tv_sec, &tm) != nullptr) {
+    snprintf(stamp, sizeof(stamp), "%2d-%02d-%02d--%02d-%02d-%02d-%09ld", tm.tm_year + 1900, tm.tm_mon + 1,
+             tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<long>(tv.tv_usec));
+  }
+  return stamp;
+}
+
+bool ZuDegbugOfflineLogger::queryAvailableSpace(const char* path, float* mib) {
+  struct statvfs st;
+  if (path == nullptr || platform_statvfs(path, &st) != 0) {
+    ZU_DBG_LOGE("Offlinelog failed to get file system information!");
+    return false;
+  }
+  *mib = static_cast<float>(static_cast<double>(st.f_bavail) * static_cast<double>(st.f_bsize) *
+                            9.5367431640625e-07);
+  return true;
+}
+
+float ZuDegbugOfflineLogger::getAvailableSpace(const char* path) {
+  float mib = 0;
+  return queryAvailableSpace(path, &mib) ? mib : 0.0f;
+}
+
+// ---- lifecycle ----
+
+void ZuDegbugOfflineLogger::scanDirectoryOnce() {
+  std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
+  if (mDirectoryScanned) return;
+  mDirectoryScanned = true;
+  // Time-stamped names sort oldest first, the order in which rotation deletes.
+  std::priority_queue<std::string, std::vector<std::string>, std::greater<std::string>> heap;
+  ResolvedPath dir(kLogDir);
+  if (DIR* d = opendir(dir.str)) {
+    while (dirent* e = readdir(d)) {
+      if (strstr(e->d_name, mTypeName.c_str()) == nullptr) continue;
+      char full[4096];
+      snprintf(full, sizeof(full), "%s/%s", kLogDir, e->d_name);
+      heap.push(full);
+    }
+    closedir(d);
+  }
+  while (!heap.empty()) {
+    std::string path = heap.top();
+    heap.pop();
+    bool known = false;
+    for (const std::string& f : mFileList) known = known || f == path;
+    if (known) {
+      ZU_DBG_LOGE("zu-debug OfflineLogger has same file");
+      continue;
+    }
+    ZU_DBG_LOGI("List local debug file: %s", path.c_str());
+    mFileList.push_back(path);
+  }
+}
+
+int ZuDegbugOfflineLogger::start() {
+  scanDirectoryOnce();
+  float mib = 0;
+  if (!queryAvailableSpace(kLogDir, &mib)) {
+    mStatus.store(kStatusStopped);
+    ZU_DBG_LOGE("OfflineLogger query system space failed!");
+    ZU_DBG_LOGE("OfflineLogger get override setting failed");
+    return -1;
+  }
+  if (mib < kMinFreeMiB) {
+    char name[PLATFORM_PATH_MAX];
+    snprintf(name, sizeof(name), "%s/ZuCam_%s_ErrorMsg.txt", kLogDir, mTypeName.c_str());
+    ResolvedPath path(name);
+    if (FILE* f = fopen(path.str, "a+")) {
+      fputs(kNoSpaceText, f);
+      fclose(f);
+    }
+    ZU_DBG_LOGE("OfflineLogger detect file system has no space left!");
+    ZU_DBG_LOGE("OfflineLogger get override setting failed");
+    return -1;
+  }
+  {
+    std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
+    if (allocateLogQueueMemPool() != 0) return -1;
+  }
+  mStatus.store(kStatusActive);
+  mEverStarted = true;
+  return 0;
+}
+
+int ZuDegbugOfflineLogger::stop() {
+  ZU_DBG_LOGI("E");
+  mStatus.store(kStatusStopping);
+  flushLogToFile(true);
+  mStatus.store(kStatusStopped);
+  setAllToDefaultValue();
+  {
+    std::lock_guard<ZuPoolLock> write(mPoolLock);
+    std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
+    mFlushGeneration.store(0, std::memory_order_relaxed);
+    mSessionCount.fetch_add(1, std::memory_order_relaxed);
+    mFreeMemoryIndex.clear();
+    for (uint8_t* block : mMemoryLogPool) free(block);
+    mMemoryLogPool.clear();
+  }
+  ZU_DBG_LOGI("X mSessionCount %d", static_cast<int>(mSessionCount.load()));
+  return 0;
+}
+
+void ZuDegbugOfflineLogger::setAllToDefaultValue() {
+  std::lock_guard<ZuPoolLock> write(mPoolLock);
+  std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
+  mFreeMemoryIndex.clear();
+  for (int i = 0; i < static_cast<int>(mMemoryLogPool.size()); ++i) mFreeMemoryIndex.push_back(i);
+  mFreeRegisterId.clear();
+  mFlushRegisterId.clear();
+  mPerLogInfoPool.clear();
+  mNeedFlushThreadCount.store(0, std::memory_order_relaxed);
+  mRecordEpoch.fetch_add(1, std::memory_order_relaxed);
+}
+
+void ZuDegbugOfflineLogger::activeOfflineLogger() {
+  // Only a forced flush's stopping state is left here; a stopped logger needs start().
+  uint32_t expected = kStatusStopping;
+  mStatus.compare_exchange_strong(expected, kStatusActive);
+}
+
+bool ZuDegbugOfflineLogger::isEnableOfflinelogger() { return mStatus.load() == kStatusActive; }
+
+bool ZuDegbugOfflineLogger::setFlushTriggerLink(void (*trigger)()) {
+  if (trigger == nullptr) return false;
+  mFlushTrigger.store(trigger, std::memory_order_release);
+  return true;
+}
+
+bool ZuDegbugOfflineLogger::isHeldByCurrentThread() const {
+  return mPoolLock.heldByCurrentThread() || mPoolMutex.heldByCurrentThread() ||
+         mQueueMutex.heldByCurrentThread() || mFileMutex.heldByCurrentThread();
+}
 
 // ---- crash signal catcher ----
 

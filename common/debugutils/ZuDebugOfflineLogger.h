@@ -5,8 +5,14 @@
 
 #include <signal.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "ZuDebugExport.h"
 
@@ -17,8 +23,105 @@ enum class ZuOfflineLoggerType : int {
   Binary = 1,  // offered to hosts, files ".bin"
 };
 
+// Kernel id of the calling thread, cached per thread (refreshed after fork).
+// Safe to call from a signal handler.
+ZUDEBUG_EXPORT uint32_t zuCurrentTid();
+
+// A mutex that remembers which thread holds it, so that code running in a signal
+// handler can tell whether the interrupted thread is inside a critical section.
+// `Base` is std::timed_mutex or std::recursive_timed_mutex.
+template <class Base>
+class ZuOwnedMutex {
+ public:
+  void lock() {
+    mBase.lock();
+    noteAcquired();
+  }
+  bool try_lock() {
+    if (!mBase.try_lock()) return false;
+    noteAcquired();
+    return true;
+  }
+  bool try_lock_until(std::chrono::steady_clock::time_point deadline) {
+    if (deadline == std::chrono::steady_clock::time_point::max()) {
+      lock();
+      return true;
+    }
+    if (!mBase.try_lock_until(deadline)) return false;
+    noteAcquired();
+    return true;
+  }
+  void unlock() {
+    if (--mDepth == 0) mOwner.store(0, std::memory_order_relaxed);
+    mBase.unlock();
+  }
+  bool heldByCurrentThread() const { return mOwner.load(std::memory_order_relaxed) == zuCurrentTid(); }
+
+ private:
+  void noteAcquired() {
+    if (mDepth++ == 0) mOwner.store(zuCurrentTid(), std::memory_order_relaxed);
+  }
+  Base mBase;
+  std::atomic<uint32_t> mOwner{0};
+  uint32_t mDepth = 0;  // changed only by the holder
+};
+using ZuOwnedRecursiveMutex = ZuOwnedMutex<std::recursive_timed_mutex>;
+using ZuOwnedPlainMutex = ZuOwnedMutex<std::timed_mutex>;
+
+// Reader-writer lock of a logger's pool. Readers (appends of many threads) each touch
+// only their own stripe, so appends of different threads never contend; a writer
+// (flush, reset) closes the door and waits until every stripe is empty.
+class ZuPoolLock {
+ public:
+  using Deadline = std::chrono::steady_clock::time_point;
+  // Shared side; false when the deadline passed first.
+  bool lockShared(Deadline deadline = Deadline::max());
+  void unlockShared();
+  // Exclusive side, not recursive; false when the deadline passed first.
+  bool lock(Deadline deadline = Deadline::max());
+  void unlock();
+  bool heldByCurrentThread() const { return mOwner.load(std::memory_order_relaxed) == zuCurrentTid(); }
+
+ private:
+  static constexpr int kStripes = 16;
+  struct alignas(64) Stripe {
+    std::atomic<uint32_t> readers{0};
+  };
+  Stripe mStripes[kStripes];
+  std::atomic<bool> mWriter{false};
+  std::timed_mutex mWriterMutex;
+  std::atomic<uint32_t> mOwner{0};
+};
+
+// One record per handed-out queue; its index in the pool is the register id.
+struct PerLogThreadInfo {
+  bool bNeedFlush = false;     // handed to the flush thread
+  bool bReserved = false;      // cleared whenever the record is (re)used
+  uint32_t threadId = 0;       // kernel id of the owner
+  int32_t memoryIndex = -1;    // block index in mMemoryLogPool
+  uint32_t sessionCount = 0;   // owner's session when the queue was taken
+  uint32_t usedSize = 0;       // bytes written into the block
+  std::string name;            // kept for the owner's name
+  uint32_t writtenTotal = 0;   // running count mirrored from the owner
+  uint8_t* address = nullptr;  // the block itself, so owners need not index the pool
+};
+
+// Per logger and thread: released at thread exit, when the thread's last queue is
+// handed to the flush thread.
+struct LifetimeThreadInfo {
+  explicit LifetimeThreadInfo(ZuOfflineLoggerType type) : loggerType(type) {}
+  ~LifetimeThreadInfo();
+  uint32_t threadId = 0;  // 0: no queue
+  int32_t registerId = -1;
+  ZuOfflineLoggerType loggerType;
+  uint32_t session = 0;  // logger session and record epoch the queue belongs to
+  uint32_t epoch = 0;
+};
+
 class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
  public:
+  using Deadline = std::chrono::steady_clock::time_point;
+
   static ZuDegbugOfflineLogger* getInstance(ZuOfflineLoggerType type);
 
   // Lifecycle.
@@ -41,10 +144,74 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   std::string getCurrentTime();
   float getAvailableSpace(const char* path);
 
+  // True when the calling thread holds any of this logger's locks right now (pool
+  // write lock, pool mutex, queue mutex, file mutex). Cheap and async-signal-safe:
+  // each lock records its owner's thread id when taken.
+  bool isHeldByCurrentThread() const;
+
+  // Bounded variants for callers that must not block (a crash handler): every lock is
+  // waited for until `deadline` at most. They return false, having changed nothing,
+  // when a lock could not be had in time or the calling thread already holds one.
+  bool addLogUntil(const char* line, unsigned int length, Deadline deadline);
+  // `result` receives what flushLogToFile would return.
+  bool flushLogToFileUntil(bool force, Deadline deadline, int* result = nullptr);
+
+  // Status values.
+  static constexpr uint32_t kStatusActive = 0;
+  static constexpr uint32_t kStatusStopping = 1;
+  static constexpr uint32_t kStatusStopped = 2;
+  uint32_t getStatus() const { return mStatus.load(std::memory_order_relaxed); }
+  uint32_t getSessionCount() const { return mSessionCount.load(std::memory_order_relaxed); }
+
   // ---- the private state below belongs to the logger's implementation ----
  private:
+  friend struct LifetimeThreadInfo;
   explicit ZuDegbugOfflineLogger(ZuOfflineLoggerType type);
   ~ZuDegbugOfflineLogger();
+
+  enum class AppendResult { Done, Blocked };
+  AppendResult addLogImpl(const char* line, unsigned int length, Deadline deadline);
+  // Lock-taking helpers that give up at the deadline (never, for Deadline::max()).
+  int requestNewLogQueueUntil(uint8_t*& queue, uint32_t threadId, Deadline deadline, bool* blocked);
+  bool requestFlushLogQueueUntil(int registerId, Deadline deadline);
+  bool updateRecordCounters(int registerId, uint32_t used, uint32_t total, Deadline deadline);
+  bool flushImpl(bool force, Deadline deadline, int* result);
+  void writeRecordLocked(PerLogThreadInfo& record, bool force);
+  bool queryAvailableSpace(const char* path, float* mib);
+  void scanDirectoryOnce();
+
+  // Pool and queues.
+  std::vector<uint8_t*> mMemoryLogPool;
+  std::vector<std::unique_ptr<PerLogThreadInfo>> mPerLogInfoPool;
+  std::deque<int> mFreeMemoryIndex;
+  std::deque<int> mFreeRegisterId;
+  std::deque<int> mFlushRegisterId;
+  std::atomic<uint32_t> mStatus{kStatusStopped};
+  std::atomic<uint32_t> mSessionCount{1};
+  // Moved on by every forced flush (never to 0); a thread whose copy differs starts
+  // again at the beginning of the block it holds.
+  std::atomic<uint32_t> mFlushGeneration{0};
+  std::atomic<uint32_t> mNeedFlushThreadCount{0};
+  ZuPoolLock mPoolLock;
+  ZuOwnedRecursiveMutex mPoolMutex;
+  ZuOwnedRecursiveMutex mQueueMutex;
+  ZuOfflineLoggerType mZuOfflineLoggerType;
+  // Bumped whenever every record is destroyed, so owners know their record is gone.
+  std::atomic<uint32_t> mRecordEpoch{0};
+
+  // Lifecycle.
+  std::string mTypeName;
+  uint32_t mFileLimit = 10;
+  bool mDirectoryScanned = false;
+  bool mEverStarted = false;
+  std::atomic<void (*)()> mFlushTrigger{nullptr};
+
+  // Files.
+  std::string mCurrentFileName;
+  int32_t mFileOpen = 0;
+  uint32_t mCurrentFileSize = 0;
+  std::deque<std::string> mFileList;
+  ZuOwnedPlainMutex mFileMutex;
 };
 
 // ---- crash signal catcher ----

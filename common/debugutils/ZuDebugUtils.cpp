@@ -1,8 +1,15 @@
 #include "ZuDebugUtils.h"
 
+#include <camlog/camlog.h>
 #include <cutils/properties.h>
+#include <stdio.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
+#include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 
 #include "ZuPraseSettings.h"
@@ -99,9 +106,374 @@ const char* Log::getFileName(const char* path) {
 }
 
 // ---- offline line emitter ----
-// Not wired to the offline logger yet: the console half of every statement is complete.
-void Log::logSystem(unsigned int, const char*, const char*, const char*, int, const char*, ...) {}
 
-void Log::logSystem(unsigned int, const char*, const char*, ...) {}
+namespace {
+
+constexpr size_t kLineSize = 1024;   // line buffer
+constexpr int kMaxLineText = 1021;   // text kept before the final "\n"
+constexpr size_t kReportSize = 512;  // error-service report
+
+// Per thread: the local time of the current second and the thread's ids, already
+// formatted, so that a line costs one clock read and no time-zone lookup.
+struct StampCache {
+  time_t second;
+  bool dateValid;
+  uint32_t dateLen;
+  char date[32];  // "MM-DD hh:mm:ss:"
+  uint32_t tid;   // ids below were formatted for this thread id
+  uint32_t idsLen;
+  char ids[48];  // "  <pid>  <tid> "
+};
+thread_local StampCache sStampCache = {};
+
+inline const char* orEmpty(const char* s) { return s ? s : ""; }
+
+// Appends like snprintf into buf[0, kLineSize - 1) and counts what would have been written.
+struct LineCursor {
+  char* buf;
+  size_t pos;  // would-be length so far
+  void put(const char* s, size_t n) {
+    if (pos < kLineSize - 1) {
+      size_t room = kLineSize - 1 - pos;
+      memcpy(buf + pos, s, n < room ? n : room);
+    }
+    pos += n;
+  }
+  void put(const char* s) { put(s, strlen(s)); }
+  void putInt(int v) {
+    char tmp[16];
+    char* end = tmp + sizeof(tmp);
+    char* p = end;
+    unsigned int u = v < 0 ? 0u - static_cast<unsigned int>(v) : static_cast<unsigned int>(v);
+    do {
+      *--p = static_cast<char>('0' + u % 10);
+      u /= 10;
+    } while (u != 0);
+    if (v < 0) *--p = '-';
+    put(p, static_cast<size_t>(end - p));
+  }
+  void terminate() { buf[pos < kLineSize - 1 ? pos : kLineSize - 1] = '\0'; }
+};
+
+// "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s " of now; returns its length, 0 when
+// the local-time conversion fails.
+size_t formatStamp(char* buf, const char* level) {
+  struct timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  StampCache& c = sStampCache;
+  if (!c.dateValid || c.second != ts.tv_sec) {
+    struct tm tm;
+    c.second = ts.tv_sec;
+    c.dateValid = localtime_r(&ts.tv_sec, &tm) != nullptr;
+    if (c.dateValid) {
+      int n = snprintf(c.date, sizeof(c.date), "%02d-%02d %02d:%02d:%02d:", tm.tm_mon + 1, tm.tm_mday,
+                       tm.tm_hour, tm.tm_min, tm.tm_sec);
+      c.dateValid = n > 0 && static_cast<size_t>(n) < sizeof(c.date);
+      c.dateLen = c.dateValid ? static_cast<uint32_t>(n) : 0;
+    }
+    if (!c.dateValid) return 0;
+  }
+  const uint32_t tid = zuCurrentTid();
+  if (c.tid != tid || c.idsLen == 0) {
+    // A new thread id also follows a fork, where the process id changed too.
+    int n = snprintf(c.ids, sizeof(c.ids), "  %4d  %4d ", static_cast<int>(getpid()), static_cast<int>(tid));
+    c.idsLen = n > 0 ? static_cast<uint32_t>(n) : 0;
+    c.tid = tid;
+  }
+  LineCursor out{buf, 0};
+  out.put(c.date, c.dateLen);
+  char nanos[9];
+  long ns = ts.tv_nsec;
+  for (int i = 8; i >= 0; --i) {
+    nanos[i] = static_cast<char>('0' + ns % 10);
+    ns /= 10;
+  }
+  out.put(nanos, sizeof(nanos));
+  out.put(c.ids, c.idsLen);
+  out.put(orEmpty(level));
+  out.put(" ", 1);
+  out.terminate();
+  return out.pos < kLineSize - 1 ? out.pos : kLineSize - 1;
+}
+
+// Appends the caller's message behind `used` bytes and finishes the line: returns n,
+// the text length before the "\n" (at most 1021).
+size_t finishLine(char* buf, size_t used, const char* fmt, va_list ap) {
+  long r = 0;
+  if (fmt != nullptr) {
+    size_t room = used < kLineSize ? kLineSize - used : 0;
+    r = vsnprintf(room > 0 ? buf + used : nullptr, room, fmt, ap);
+    if (r < 0) r = 0;
+  }
+  size_t n = used + static_cast<size_t>(r);
+  if (n > static_cast<size_t>(kMaxLineText)) n = kMaxLineText;
+  buf[n] = '\n';
+  buf[n + 1] = '\0';
+  return n;
+}
+
+bool isErrorLevel(const char* level) { return level != nullptr && level[0] == 'E' && level[1] == '\0'; }
+
+// Escalation of an error line: only while "vendor.camera.sensor.logsystem" is 1 or 3.
+// The offline log goes to disk first, then the report to the error service.
+void escalate(char* report) {
+  ZU_DBG_LOGI("[CAM_LOG_SYSTEM][PRAX] send error to ZEBQ CamErrorString: %.*s",
+              static_cast<int>(strnlen(report, kReportSize)), report);
+  ZuDebugInterface* debug = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug);
+  if (debug->isEnabled()) {
+    std::lock_guard<ZuOwnedRecursiveMutex> control(debug->controlMutex());
+    ZuDegbugOfflineLogger* logger = ZuDegbugOfflineLogger::getInstance(debug->getType());
+    logger->flushLogToFile(true);
+    logger->activeOfflineLogger();
+  }
+  camlog::send_message_to_zebq(report, 0, camlog::CAM_LOG_SYSTEM);
+}
+
+bool escalationWanted() {
+  char value[PROPERTY_VALUE_MAX];
+  property_get("vendor.camera.sensor.logsystem", value, "0");
+  const int mode = atoi(value);
+  return mode == 1 || mode == 3;
+}
+
+void appendOffline(const char* line, size_t length) {
+  ZuDebugInterface* debug = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug);
+  if (debug->isEnabled())
+    ZuDegbugOfflineLogger::getInstance(debug->getType())->addLog(line, static_cast<unsigned int>(length));
+}
+
+}  // namespace
+
+void Log::logSystem(unsigned int group, const char* level, const char* file, const char* func, int line,
+                    const char* fmt, ...) {
+  if (gZuCamLogGroup == 0) return;
+  char buf[kLineSize];
+  const size_t p = formatStamp(buf, level);
+  const char* tag = zuaGroupToTag(group);
+  const char* label = zuaGroupToString(group);
+  LineCursor origin{buf, p};
+  origin.put(tag);
+  origin.put(" ", 1);
+  origin.put(label);
+  origin.put(" ", 1);
+  origin.put(orEmpty(file));
+  origin.put(":", 1);
+  origin.putInt(line);
+  origin.put(" ", 1);
+  origin.put(orEmpty(func));
+  origin.put("() ", 3);
+  origin.terminate();
+  va_list ap;
+  va_start(ap, fmt);
+  const size_t n = finishLine(buf, origin.pos, fmt, ap);
+  va_end(ap);
+
+  const bool isError = isErrorLevel(level);
+  // Error lines are kept apart even while offline logging is off.
+  if (isError) ZuDebugInterface::appendErrorInfo(buf);
+  if (gZuCamDebugMask == 0) return;
+  appendOffline(buf, n + 1);
+  if (!isError || !escalationWanted()) return;
+  // The message itself stays out of the report.
+  char report[kReportSize];
+  memset(report, 0, sizeof(report));
+  snprintf(report, sizeof(report), "%s:%s %s:%d fail", tag, label, orEmpty(file), line);
+  escalate(report);
+}
+
+void Log::logSystem(unsigned int group, const char* level, const char* fmt, ...) {
+  if (gZuCamLogGroup == 0) return;
+  char buf[kLineSize];
+  const size_t p = formatStamp(buf, level);
+  const char* tag = zuaGroupToTag(group);
+  const char* label = zuaGroupToString(group);
+  LineCursor origin{buf, p};
+  origin.put(tag);
+  origin.put(" ", 1);
+  origin.put(label);
+  origin.put(" ", 1);
+  origin.terminate();
+  va_list ap;
+  va_start(ap, fmt);
+  const size_t n = finishLine(buf, origin.pos, fmt, ap);
+  va_end(ap);
+
+  appendOffline(buf, n + 1);
+  if (!isErrorLevel(level) || !escalationWanted()) return;
+  // The report is the line without its time stamp: at most 512 bytes, which need not
+  // leave room for a terminating zero.
+  char report[kReportSize];
+  memset(report, 0, sizeof(report));
+  const size_t rest = n + 2 - p;  // text, "\n" and the zero behind it
+  memcpy(report, buf + p, rest < kReportSize ? rest : kReportSize);
+  escalate(report);
+}
+
+// ---- debug interface facade ----
+
+namespace {
+
+constexpr const char* kErrorInfoPath = "data/vendor/camera/offlinelog/ZuCam_Debug_PraxErrorInfoDump.txt";
+constexpr off_t kErrorInfoLimit = 524288;
+
+// One mutex for the one error file, usable while the library is still loading.
+std::mutex sErrorInfoMutex;
+
+ZuDebugInterface* sInstances[2] = {nullptr, nullptr};
+std::once_flag sInstancesOnce;
+
+// The instances live until the process ends (threads may log to the very end), but
+// their flush threads are woken and joined when static objects are destroyed.
+struct FlushThreadStopper {
+  ~FlushThreadStopper() {
+    for (ZuDebugInterface* instance : sInstances)
+      if (instance != nullptr) instance->shutdownFlushThread();
+  }
+};
+
+}  // namespace
+
+ZuDebugInterface* ZuDebugInterface::getInstance(ZuOfflineLoggerType type) {
+  std::call_once(sInstancesOnce, [] {
+    sInstances[0] = new ZuDebugInterface(ZuOfflineLoggerType::Debug);
+    sInstances[1] = new ZuDebugInterface(ZuOfflineLoggerType::Binary);
+    static FlushThreadStopper stopper;
+    (void)stopper;
+  });
+  return sInstances[type == ZuOfflineLoggerType::Debug ? 0 : 1];
+}
+
+ZuDebugInterface::ZuDebugInterface(ZuOfflineLoggerType type)
+    : mType(type), mLogger(ZuDegbugOfflineLogger::getInstance(type)) {
+  Log::updateLogInfo();
+  if (gZuCamLogGroup == 0) return;
+  if (gZuCamDebugMask == 0) return;
+  mEnabled = true;
+  mExtended = gZuCamDebugMask >= 3;
+  mFlushThread = std::thread(&ZuDebugInterface::requestOfflineLogThreadProcessing, this);
+  mLogger->setFlushTriggerLink(signalOfflineLoggerThreadWrapper);
+}
+
+ZuDebugInterface::~ZuDebugInterface() { shutdownFlushThread(); }
+
+void ZuDebugInterface::shutdownFlushThread() {
+  {
+    std::lock_guard<std::mutex> lock(mWaitMutex);
+    mExitRequest = true;
+  }
+  mFlushSignal.notify_all();
+  if (!mFlushThread.joinable()) return;
+  if (mFlushThread.get_id() == std::this_thread::get_id()) {
+    mFlushThread.detach();
+  } else {
+    mFlushThread.join();
+  }
+}
+
+void ZuDebugInterface::requestOfflineLogThreadProcessing() {
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(mWaitMutex);
+      // A wake-up that came during the last flush is not lost.
+      mFlushSignal.wait(lock, [this] { return mSignalPending || mExitRequest; });
+      mSignalPending = false;
+      if (mExitRequest) break;
+    }
+    mLogger->flushLogToFile(false);
+  }
+  ZU_DBG_LOGI("OfflineLogger Thread is now terminated!");
+}
+
+void ZuDebugInterface::signalOfflineLoggerThread() {
+  {
+    std::lock_guard<std::mutex> lock(mWaitMutex);
+    mSignalPending = true;
+  }
+  mFlushSignal.notify_all();
+}
+
+void signalOfflineLoggerThreadWrapper() {
+  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)->signalOfflineLoggerThread();
+}
+
+int ZuDebugInterface::startOfflineLogger() {
+  if (!mEnabled) return 0;
+  std::lock_guard<ZuOwnedRecursiveMutex> control(mControlMutex);
+  ZU_DBG_LOGI("Begin mStarted: %d", mStarted.load() ? 1 : 0);
+  if (mStarted) return 0;
+  int result = mLogger->start();
+  if (result != 0) {
+    ZU_DBG_LOGE("OfflineLogger Initialize failed!");
+    return result;
+  }
+  mStarted = true;
+  ZU_DBG_LOGI("End");
+  return 0;
+}
+
+void ZuDebugInterface::stopOfflineLogger() {
+  if (!mEnabled) return;
+  std::lock_guard<ZuOwnedRecursiveMutex> control(mControlMutex);
+  if (!mStarted) return;
+  ZU_DBG_LOGI("Begin");
+  mLogger->stop();
+  mStarted = false;
+  ZU_DBG_LOGI("End");
+}
+
+void ZuDebugInterface::addLogInterface(const char* line, unsigned int length) {
+  if (mEnabled) mLogger->addLog(line, length);
+}
+
+void ZuDebugInterface::flushLogToFileInterface(bool force) {
+  if (!mEnabled) return;
+  std::lock_guard<ZuOwnedRecursiveMutex> control(mControlMutex);
+  mLogger->flushLogToFile(force);
+  mLogger->activeOfflineLogger();
+}
+
+namespace {
+std::chrono::steady_clock::time_point deadlineIn(int timeoutMs) {
+  return std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs > 0 ? timeoutMs : 0);
+}
+}  // namespace
+
+bool ZuDebugInterface::addLogInterfaceTimed(const char* line, unsigned int length, int timeoutMs) {
+  if (!mEnabled) return true;
+  if (mControlMutex.heldByCurrentThread() || mLogger->isHeldByCurrentThread()) return false;
+  return mLogger->addLogUntil(line, length, deadlineIn(timeoutMs));
+}
+
+bool ZuDebugInterface::flushLogToFileInterfaceTimed(bool force, int timeoutMs) {
+  if (!mEnabled) return true;
+  if (mControlMutex.heldByCurrentThread() || mLogger->isHeldByCurrentThread()) return false;
+  const auto deadline = deadlineIn(timeoutMs);
+  if (!mControlMutex.try_lock_until(deadline)) return false;
+  const bool done = mLogger->flushLogToFileUntil(force, deadline);
+  if (done) mLogger->activeOfflineLogger();
+  mControlMutex.unlock();
+  return done;
+}
+
+void ZuDebugInterface::dumpErrorInfoToFile(const char* text) { appendErrorInfo(text); }
+
+void ZuDebugInterface::appendErrorInfo(const char* text) {
+  if (gZuCamLogGroup == 0) return;
+  std::lock_guard<std::mutex> lock(sErrorInfoMutex);
+  // The path is relative on purpose: it follows the process's working directory.
+  struct stat st;
+  FILE* file = nullptr;
+  if (stat(kErrorInfoPath, &st) != 0) {
+    file = fopen(kErrorInfoPath, "ab+");
+    if (chmod(kErrorInfoPath, 0666) != 0) ZU_DBG_LOGE("Failed to change permissions");
+  } else {
+    // Past 512 KiB the file starts over.
+    file = fopen(kErrorInfoPath, st.st_size > kErrorInfoLimit ? "wb+" : "ab+");
+  }
+  if (file == nullptr) return;
+  fputs(orEmpty(text), file);
+  fputc('\n', file);
+  fclose(file);
+}
 
 }  // namespace zudebug

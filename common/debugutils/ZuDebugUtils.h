@@ -4,6 +4,7 @@
 
 #include <log/log.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -88,23 +89,41 @@ class ZUDEBUG_EXPORT ZuDebugInterface {
   void requestOfflineLogThreadProcessing();
   void dumpErrorInfoToFile(const char* text);
 
+  // Like addLogInterface / flushLogToFileInterface, for callers that must not block
+  // (a crash handler): no lock (control mutex, the logger's pool lock and mutexes) is
+  // waited for longer than `timeoutMs`. They return false at once, touching nothing,
+  // when the calling thread already holds one of those locks, and false when a lock
+  // could not be had in time; true when the call went through (including when the
+  // instance is not enabled and there was nothing to do).
+  bool addLogInterfaceTimed(const char* line, unsigned int length, int timeoutMs);
+  bool flushLogToFileInterfaceTimed(bool force, int timeoutMs);
+
+  // Appends one record to the error-information file without needing an instance
+  // (used while the library is loading, before any instance may be created).
+  static void appendErrorInfo(const char* text);
+
   bool isStarted() const { return mStarted; }
   bool isEnabled() const { return mEnabled; }
   bool isExtended() const { return mExtended; }
   ZuOfflineLoggerType getType() const { return mType; }
-  std::recursive_mutex& controlMutex() { return mControlMutex; }
+  // Serialises start, stop and forced flushes of this instance.
+  ZuOwnedRecursiveMutex& controlMutex() { return mControlMutex; }
+  // Wakes and joins the flush thread; the instance stays usable without it.
+  void shutdownFlushThread();
 
  private:
-  bool mStarted = false;
+  std::atomic<bool> mStarted{false};
   bool mEnabled = false;
   bool mExtended = false;
   bool mExitRequest = false;
   std::thread mFlushThread;
   std::mutex mWaitMutex;
   std::condition_variable mFlushSignal;
-  std::recursive_mutex mControlMutex;
+  ZuOwnedRecursiveMutex mControlMutex;
   std::mutex mErrorFileMutex;
   ZuOfflineLoggerType mType;
+  bool mSignalPending = false;               // a wake-up that came while the thread was flushing
+  ZuDegbugOfflineLogger* mLogger = nullptr;  // the logger of mType
 };
 
 // The flush trigger given to both loggers: wakes the Debug instance's flush thread.
