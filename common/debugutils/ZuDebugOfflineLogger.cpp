@@ -697,3 +697,263 @@ bool ZuDegbugOfflineLogger::isHeldByCurrentThread() const {
 // ---- crash signal catcher ----
 
 }  // namespace zudebug
+
+#include <utils/CallStack.h>
+#include <utils/String8.h>
+
+#include <algorithm>
+
+namespace zudebug {
+
+namespace {
+
+// The signals the catcher handles, in the order they are installed.
+constexpr int kCaughtSignals[] = {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSYS, SIGTRAP};
+constexpr int kMaxSignal = 32;
+
+// Previous action of each caught signal, by signal number.
+struct sigaction sPreviousActions[kMaxSignal];
+bool sPreviousSaved[kMaxSignal];
+
+// Waiting for the offline logger's locks stops after this long in all; then the
+// record is skipped and the signal passed on.
+constexpr int kLockBudgetMs = 2000;
+// Should the catcher itself get stuck anyway (a lock of the C library held by the
+// interrupted code), the process is killed after this long instead of hanging.
+constexpr int kWatchdogSeconds = 10;
+
+// Set while this thread writes a record: a signal raised meanwhile is passed on at
+// once.
+thread_local int sCatcherDepth = 0;
+
+bool isCaught(int signal) {
+  for (int s : kCaughtSignals)
+    if (s == signal) return true;
+  return false;
+}
+
+// A fault raised by the kernel at the faulting instruction: returning re-executes
+// it. Breakpoints and seccomp traps resume after the instruction instead.
+bool refaultsOnReturn(int signal, const siginfo_t* info) {
+  if (info == nullptr || info->si_code <= 0) return false;
+  return signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL;
+}
+
+// Raised by the kernel rather than sent by a process: the kernel itself does not let
+// such a signal be ignored or blocked.
+bool isHardwareSignal(const siginfo_t* info) { return info != nullptr && info->si_code > 0; }
+
+// Dies of `signal` as if no handler had been installed. A fault is left to recur when
+// the handler returns, so that a core dump shows the faulting instruction; anything
+// else is raised again on this thread.
+void dieOfDefaultAction(int signal, const siginfo_t* info) {
+  struct sigaction dfl;
+  memset(&dfl, 0, sizeof(dfl));
+  dfl.sa_handler = SIG_DFL;
+  sigemptyset(&dfl.sa_mask);
+  sigaction(signal, &dfl, nullptr);
+  if (refaultsOnReturn(signal, info)) return;
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, signal);
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  syscall(SYS_tgkill, getpid(), static_cast<pid_t>(syscall(SYS_gettid)), signal);
+}
+
+// Kills the process with SIGKILL unless disarmed in time.
+class CatcherWatchdog {
+ public:
+  CatcherWatchdog() {
+    struct sigevent ev;
+    memset(&ev, 0, sizeof(ev));
+    ev.sigev_notify = SIGEV_SIGNAL;
+    ev.sigev_signo = SIGKILL;
+    int id = -1;
+    if (syscall(SYS_timer_create, CLOCK_MONOTONIC, &ev, &id) != 0) return;
+    struct itimerspec when;
+    memset(&when, 0, sizeof(when));
+    when.it_value.tv_sec = kWatchdogSeconds;
+    if (syscall(SYS_timer_settime, id, 0, &when, nullptr) != 0) {
+      syscall(SYS_timer_delete, id);
+      return;
+    }
+    mTimer = id;
+  }
+  ~CatcherWatchdog() { disarm(); }
+  void disarm() {
+    if (mTimer >= 0) syscall(SYS_timer_delete, mTimer);
+    mTimer = -1;
+  }
+
+ private:
+  int mTimer = -1;
+};
+
+int remainingMs(std::chrono::steady_clock::time_point deadline) {
+  auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+}
+
+// Time stamp of every record line; false when the local time is not known.
+bool formatStamp(char* stamp, size_t size) {
+  struct timespec now;
+  struct tm local;
+  if (clock_gettime(CLOCK_REALTIME, &now) != 0 || localtime_r(&now.tv_sec, &local) == nullptr) return false;
+  // The sub-second part is the nanosecond count, printed with at least six digits.
+  snprintf(stamp, size, "%02d-%02d %02d:%02d:%02d:%06ld  %4d  %4d", local.tm_mon + 1, local.tm_mday,
+           local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(now.tv_nsec),
+           static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)));
+  return true;
+}
+
+void writeHeader(const char* stamp, int signal, const siginfo_t* info, int timeoutMs) {
+  char header[1024];
+  snprintf(header, sizeof(header),
+           "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n"
+           "%s F DEBUG   : pid: %d, tid: %d\n"
+           "%s F DEBUG   : signal %d, code %d, fault addr %p\n"
+           "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n",
+           stamp, stamp, static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)), stamp, signal,
+           info != nullptr ? info->si_code : 0, info != nullptr ? info->si_addr : nullptr, stamp);
+  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)
+      ->addLogInterfaceTimed(header, static_cast<unsigned int>(strnlen(header, sizeof(header))), timeoutMs);
+}
+
+// One line per piece of the stack text between "#" marks. The text before the first
+// mark and the catcher's own frame are left out; every other piece keeps the newline
+// that ended its frame.
+void writeFrames(char* text, const char* stamp, std::chrono::steady_clock::time_point deadline) {
+  ZuDebugInterface* debug = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug);
+  char line[1024];
+  int piece = 0;
+  for (char* p = text; p != nullptr;) {
+    char* mark = strchr(p, '#');
+    if (mark != nullptr) *mark = '\0';
+    if (piece++ >= 2) {
+      int n = stamp != nullptr ? snprintf(line, sizeof(line), "%s F DEBUG   : #%s", stamp, p)
+                               : snprintf(line, sizeof(line), "F DEBUG   : #%s", p);
+      if (n > 0) {
+        size_t len = std::min(static_cast<size_t>(n), sizeof(line) - 1);
+        debug->addLogInterfaceTimed(line, static_cast<unsigned int>(len), remainingMs(deadline));
+      }
+    }
+    p = mark != nullptr ? mark + 1 : nullptr;
+  }
+}
+
+}  // namespace
+
+void RegisterSignalHandlers() {
+  struct sigaction current;
+  memset(&current, 0, sizeof(current));
+  bool gotSegv = sigaction(SIGSEGV, nullptr, &current) == 0;
+  if (!gotSegv) ZU_DBG_LOGE("Failed to get signal handler for SIGSEGV");
+  // Installing twice must not make the catcher its own predecessor.
+  const bool alreadyOurs =
+      gotSegv && (current.sa_flags & SA_SIGINFO) != 0 && current.sa_sigaction == SignalCatcher;
+  if (!alreadyOurs) {
+    sPreviousActions[SIGSEGV] = current;
+    sPreviousSaved[SIGSEGV] = gotSegv;
+  }
+
+  struct sigaction action;
+  memset(&action, 0, sizeof(action));
+  action.sa_mask = current.sa_mask;
+  action.sa_flags = current.sa_flags | SA_SIGINFO;
+  action.sa_sigaction = SignalCatcher;
+
+  for (int signal : kCaughtSignals) {
+    bool ok;
+    if (signal == SIGSEGV) {
+      ok = sigaction(signal, &action, nullptr) == 0;
+    } else {
+      struct sigaction previous;
+      memset(&previous, 0, sizeof(previous));
+      ok = sigaction(signal, &action, &previous) == 0;
+      const bool prevOurs = (previous.sa_flags & SA_SIGINFO) != 0 && previous.sa_sigaction == SignalCatcher;
+      if (ok && !prevOurs) {
+        sPreviousActions[signal] = previous;
+        sPreviousSaved[signal] = true;
+      }
+    }
+    if (ok) continue;
+    switch (signal) {
+      case SIGSEGV:
+        ZU_DBG_LOGE("Failed to register signal handler for SIGSEGV");
+        break;
+      case SIGABRT:
+        ZU_DBG_LOGE("Failed to register signal handler for SIGABRT");
+        break;
+      case SIGBUS:
+        ZU_DBG_LOGE("Failed to register signal handler for SIGBUS");
+        break;
+      case SIGFPE:
+        ZU_DBG_LOGE("Failed to register signal handler for SIGFPE");
+        break;
+      case SIGILL:
+        ZU_DBG_LOGE("Failed to register signal handler for SIGILL");
+        break;
+      case SIGSYS:
+        ZU_DBG_LOGE("Failed to register signal handler for SIGSYS");
+        break;
+      default:
+        ZU_DBG_LOGE("Failed to register signal handler for SIGTRAP");
+        break;
+    }
+  }
+}
+
+void SignalCatcher(int signal, siginfo_t* info, void* context) {
+  const int savedErrno = errno;
+  CatcherWatchdog watchdog;
+  if (sCatcherDepth == 0) {
+    ++sCatcherDepth;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLockBudgetMs);
+    char stamp[100] = "";
+    const bool haveStamp = formatStamp(stamp, sizeof(stamp));
+    if (haveStamp) writeHeader(stamp, signal, info, remainingMs(deadline));
+
+    // Captured here, so that the first frame is this function.
+    char text[4096];
+    {
+      android::CallStack stack;
+      stack.update(1, -1);
+      android::String8 rendered = stack.toString(nullptr);
+      size_t len = std::min(rendered.length(), sizeof(text) - 1);
+      memcpy(text, rendered.c_str(), len);
+      text[len] = '\0';
+    }
+    writeFrames(text, haveStamp ? stamp : nullptr, deadline);
+
+    // Both loggers to disk; a logger whose locks cannot be had in time is skipped.
+    ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)
+        ->flushLogToFileInterfaceTimed(true, remainingMs(deadline));
+    ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)
+        ->flushLogToFileInterfaceTimed(true, remainingMs(deadline));
+    --sCatcherDepth;
+  }
+  watchdog.disarm();
+  if (signal > 0 && signal < kMaxSignal && isCaught(signal) && sPreviousSaved[signal]) {
+    InvokeDefaultHndlr(sPreviousActions[signal], signal, info, context);
+  } else {
+    ZU_DBG_LOGE("Signal %d received, No action matching", signal);
+  }
+  errno = savedErrno;
+}
+
+void InvokeDefaultHndlr(const struct sigaction& action, int signal, siginfo_t* info, void* context) {
+  if (action.sa_handler == SIG_DFL) {
+    dieOfDefaultAction(signal, info);
+  } else if (action.sa_handler == SIG_IGN) {
+    // The kernel does not let a fault be ignored: without the catcher the process
+    // would have died of it.
+    if (isHardwareSignal(info)) dieOfDefaultAction(signal, info);
+  } else if ((action.sa_flags & SA_SIGINFO) != 0) {
+    action.sa_sigaction(signal, info, context);
+  } else {
+    action.sa_handler(signal);
+  }
+}
+
+}  // namespace zudebug
