@@ -217,8 +217,11 @@ bool isErrorLevel(const char* level) { return level != nullptr && level[0] == 'E
 // Escalation of an error line: only while "vendor.camera.sensor.logsystem" is 1 or 3.
 // The offline log goes to disk first, then the report to the error service.
 void escalate(char* report) {
-  ZU_DBG_LOGI("[CAM_LOG_SYSTEM][PRAX] send error to ZEBQ CamErrorString: %.*s",
-              static_cast<int>(strnlen(report, kReportSize)), report);
+  // Reported as a diagnostic of logSystem itself.
+  __android_log_print(ANDROID_LOG_INFO, "ZuCamDebug",
+                      "%s %s():%d [CAM_LOG_SYSTEM][PRAX] send error to ZEBQ CamErrorString: %.*s\n",
+                      Log::getFileName(__FILE__), "logSystem", __LINE__,
+                      static_cast<int>(strnlen(report, kReportSize)), report);
   ZuDebugInterface* debug = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug);
   if (debug->isEnabled()) {
     std::lock_guard<ZuOwnedRecursiveMutex> control(debug->controlMutex());
