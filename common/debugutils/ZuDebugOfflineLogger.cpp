@@ -70,6 +70,11 @@ struct ThreadLifetimes {
 };
 thread_local ThreadLifetimes sThreadLifetimes;
 
+// Diagnostics written from helpers carry the name of the operation they belong to.
+#define ZU_OFFLINE_LOG_AS(prio, func, fmt, ...)                                                            \
+  __android_log_print((prio), "ZuCamDebug", "%s %s():%d " fmt "\n", ::zudebug::Log::getFileName(__FILE__), \
+                      func, __LINE__, ##__VA_ARGS__)
+
 inline int slotOf(ZuOfflineLoggerType type) { return type == ZuOfflineLoggerType::Debug ? 0 : 1; }
 
 using Clock = std::chrono::steady_clock;
@@ -251,7 +256,7 @@ int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t thr
   LifetimeThreadInfo& lifetime = sThreadLifetimes.info[slot];
   if (mFreeMemoryIndex.empty()) allocateLogQueueMemPool();
   if (mFreeMemoryIndex.empty()) {
-    ZU_DBG_LOGE("Offlinelog failed to request new container");
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "requestNewLogQueue", "Offlinelog failed to request new container");
     queue = nullptr;
     local.record = nullptr;
     local.sThreadLocalQueuePoolId = -1;
@@ -299,8 +304,9 @@ bool ZuDegbugOfflineLogger::requestFlushLogQueueUntil(int registerId, Deadline d
     HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
     if (!poolLock.held()) return false;
     if (registerId < 0 || registerId >= static_cast<int>(mPerLogInfoPool.size())) {
-      ZU_DBG_LOGE("ZuDegbugOfflineLogger registerId %d mPerLogInfoPool %d", registerId,
-                  static_cast<int>(mPerLogInfoPool.size()));
+      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "requestFlushLogQueue",
+                        "ZuDegbugOfflineLogger registerId %d mPerLogInfoPool %d", registerId,
+                        static_cast<int>(mPerLogInfoPool.size()));
       return true;
     }
     mPerLogInfoPool[registerId]->bNeedFlush = true;
@@ -310,8 +316,9 @@ bool ZuDegbugOfflineLogger::requestFlushLogQueueUntil(int registerId, Deadline d
   // A bounded caller may be a signal handler: it leaves the wake-up to its own flush.
   void (*trigger)() = mFlushTrigger.load(std::memory_order_acquire);
   if (trigger != nullptr && deadline == Clock::time_point::max()) {
-    ZU_DBG_LOGI("OfflineLogger requestFlushLogQueue Signaled!!Signal = %p, mNeedFlushThreadCount:%d",
-                reinterpret_cast<void*>(trigger), static_cast<int>(mNeedFlushThreadCount.load()));
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "requestFlushLogQueue",
+                      "OfflineLogger requestFlushLogQueue Signaled!!Signal = %p, mNeedFlushThreadCount:%d",
+                      reinterpret_cast<void*>(trigger), static_cast<int>(mNeedFlushThreadCount.load()));
     trigger();
   }
   return true;
@@ -334,7 +341,8 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
   if (local.inAppend) return AppendResult::Blocked;
   if (line == nullptr || length == 0) return AppendResult::Done;
   if (length > kBlockSize) {
-    ZU_DBG_LOGE("OfflineLogger line of %u bytes does not fit a queue, dropped", length);
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog",
+                      "OfflineLogger line of %u bytes does not fit a queue, dropped", length);
     return AppendResult::Done;
   }
   if (!mPoolLock.lockShared(deadline)) return AppendResult::Blocked;
@@ -376,15 +384,17 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
       if (!queueLock.held()) return AppendResult::Blocked;
       const int id = local.sThreadLocalQueuePoolId;
       if (id < 0 || id >= static_cast<int>(mPerLogInfoPool.size())) {
-        ZU_DBG_LOGE(
+        ZU_OFFLINE_LOG_AS(
+            ANDROID_LOG_ERROR, "addLog",
             "sThreadLocalInfo[static_cast<int>(mZuOfflineLoggerType)].sThreadLocalQueuePoolId : %d "
             "mPerLogInfoPool size: %d",
             id, static_cast<int>(mPerLogInfoPool.size()));
         return AppendResult::Done;
       }
       PerLogThreadInfo& record = *mPerLogInfoPool[id];
-      ZU_DBG_LOGE("OFFLINELOG:%p != %p %d %d", static_cast<void*>(record.address),
-                  static_cast<void*>(local.queueAddress), id, record.memoryIndex);
+      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "OFFLINELOG:%p != %p %d %d",
+                        static_cast<void*>(record.address), static_cast<void*>(local.queueAddress), id,
+                        record.memoryIndex);
       needNewQueue = true;
     } else if (local.generation != generation) {
       // A forced flush wrote this thread's bytes: start again at the top of the block.
@@ -416,8 +426,8 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
     }
   }
   if (local.queueAddress == nullptr) {
-    ZU_DBG_LOGE("memoryAddressToWrite is %p inputlog address is %p!", static_cast<void*>(local.queueAddress),
-                static_cast<const void*>(line));
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "memoryAddressToWrite is %p inputlog address is %p!",
+                      static_cast<void*>(local.queueAddress), static_cast<const void*>(line));
     return AppendResult::Done;
   }
   memcpy(local.queueAddress + local.offset, line, length);
@@ -446,8 +456,9 @@ bool ZuDegbugOfflineLogger::flushLogToFileUntil(bool force, Deadline deadline, i
 }
 
 bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result) {
-  ZU_DBG_LOGI("flushLogToFile lastFlush: %d, status: %d, mNeedFlushThreadCount: %d", force ? 1 : 0,
-              static_cast<int>(mStatus.load()), static_cast<int>(mNeedFlushThreadCount.load()));
+  ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "flushLogToFile",
+                    "flushLogToFile lastFlush: %d, status: %d, mNeedFlushThreadCount: %d", force ? 1 : 0,
+                    static_cast<int>(mStatus.load()), static_cast<int>(mNeedFlushThreadCount.load()));
   *result = 0;
   if (mStatus.load() == kStatusStopped) {
     *result = -1;
@@ -490,7 +501,8 @@ bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result
   while (mFileList.size() > mFileLimit) {
     const std::string& oldest = mFileList.front();
     ResolvedPath path(oldest.c_str());
-    if (unlink(path.str) != 0) ZU_DBG_LOGE("remove OfflineLog failed: %s", oldest.c_str());
+    if (unlink(path.str) != 0)
+      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile", "remove OfflineLog failed: %s", oldest.c_str());
     mFileList.pop_front();
   }
   if (force) {
@@ -512,8 +524,8 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool for
     mFileList.push_back(name);
     mFileOpen = 1;
   }
-  ZU_DBG_LOGI("bNeedFlush: %d, lastFlush: %d, fileName: %s", record.bNeedFlush ? 1 : 0, force ? 1 : 0,
-              mCurrentFileName.c_str());
+  ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "flushLogToFile", "bNeedFlush: %d, lastFlush: %d, fileName: %s",
+                    record.bNeedFlush ? 1 : 0, force ? 1 : 0, mCurrentFileName.c_str());
   const bool waiting = record.bNeedFlush;
   if (!waiting && !(force && record.usedSize > 0)) return;
   ResolvedPath path(mCurrentFileName.c_str());
@@ -524,7 +536,9 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool for
     ok = writeAll(fd, record.address, record.usedSize);
     ::close(fd);
   }
-  if (!ok) ZU_DBG_LOGE("zu-debug TXT Offlinelog failed to open file and write");
+  if (!ok)
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile",
+                      "zu-debug TXT Offlinelog failed to open file and write");
   mCurrentFileSize += record.usedSize;
   if (mCurrentFileSize > kFileSizeLimit) {
     mFileOpen = 0;
@@ -569,7 +583,8 @@ std::string ZuDegbugOfflineLogger::getCurrentTime() {
 bool ZuDegbugOfflineLogger::queryAvailableSpace(const char* path, float* mib) {
   struct statvfs st;
   if (path == nullptr || platform_statvfs(path, &st) != 0) {
-    ZU_DBG_LOGE("Offlinelog failed to get file system information!");
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "getAvailableSpace",
+                      "Offlinelog failed to get file system information!");
     return false;
   }
   *mib = static_cast<float>(static_cast<double>(st.f_bavail) * static_cast<double>(st.f_bsize) *
@@ -606,10 +621,10 @@ void ZuDegbugOfflineLogger::scanDirectoryOnce() {
     bool known = false;
     for (const std::string& f : mFileList) known = known || f == path;
     if (known) {
-      ZU_DBG_LOGE("zu-debug OfflineLogger has same file");
+      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "start", "zu-debug OfflineLogger has same file");
       continue;
     }
-    ZU_DBG_LOGI("List local debug file: %s", path.c_str());
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "start", "List local debug file: %s", path.c_str());
     mFileList.push_back(path);
   }
 }
