@@ -91,7 +91,12 @@ const char* kProps =
     "# camera logging\n"
     "persist.vendor.camera.prax.loglevel=3\n"
     "persist.vendor.camera.logentry=2\n"
-    "vendor.camera.sensor.logsystem=1\n";
+    "vendor.camera.sensor.logsystem=1\n"
+    "# guard monitor: a fast patrol, short request limits, request timeouts reported only\n"
+    "vendor.camera.debug.intms=50\n"
+    "vendor.camera.debug.rwarnms=300\n"
+    "persist.vendor.camera.debug.reqabortms=600\n"
+    "persist.vendor.camera.debug.reqabortenable=0\n";
 
 void listFiles(const std::string& root, const std::string& rel, std::vector<std::string>& out) {
   DIR* d = opendir((root + "/" + rel).c_str());
