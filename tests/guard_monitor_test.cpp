@@ -296,17 +296,21 @@ TEST(GuardMonitor, TimeoutAborts) {
 TEST(GuardMonitorChild, FunctionAbort) {
   ZU_CHILD_ONLY();
   ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)->startOfflineLogger();
+  GuardMonitor* gm = GuardMonitor::getSingleton();
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the patrol goes idle
   int id;
-  GuardMonitor::getSingleton()->registerFuncGuard(
+  gm->registerFuncGuard(
       MODULE_ALGOFWK_COMMON, "capture", "stuck frame", 100, 200, [] { note("callback stuck"); }, &id);
-  std::this_thread::sleep_for(std::chrono::seconds(60));
+  std::this_thread::sleep_for(std::chrono::seconds(20));
   ADD_FAILURE() << "not aborted";
 }
 
 TEST(GuardMonitorChild, RequestAbort) {
   ZU_CHILD_ONLY();
-  GuardMonitor::getSingleton()->registerReqGuard(MODULE_ZUHAL_SESSION, REQUEST_S2V, 7, 0, nullptr);
-  std::this_thread::sleep_for(std::chrono::seconds(60));
+  GuardMonitor* gm = GuardMonitor::getSingleton();
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the patrol goes idle
+  gm->registerReqGuard(MODULE_ZUHAL_SESSION, REQUEST_S2V, 7, 0, nullptr);
+  std::this_thread::sleep_for(std::chrono::seconds(20));
   ADD_FAILURE() << "not aborted";
 }
 
