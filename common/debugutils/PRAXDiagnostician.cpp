@@ -844,3 +844,201 @@ void SnapDiagnostician::snapshotHandle() {
 // ---- module diagnostician ----
 
 }  // namespace zudebug
+
+#include <errno.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "ZuDebugUtils.h"
+#include "zudebug_platform/fs.h"
+
+namespace zudebug {
+
+namespace {
+
+constexpr const char* kMemInfoPath = "/data/vendor/camera/praxmeminfo.txt";
+constexpr uint32_t kMiB = 1048576;
+
+// Runs of dumpPraxInfo in this process.
+std::atomic<int32_t> sDumpPraxInfoCount{0};
+
+// Calls each state callback in order, appending its text and a newline; a callback
+// that sets its flag is gone and leaves the list.
+void collectStates(std::vector<ModuleDiagnostician::StringCallback>& list, std::string& out) {
+  for (auto it = list.begin(); it != list.end();) {
+    bool gone = false;
+    out += (*it)(gone);
+    out += "\n";
+    it = gone ? list.erase(it) : it + 1;
+  }
+}
+
+}  // namespace
+
+ModuleDiagnostician* ModuleDiagnostician::getInstance() {
+  static ModuleDiagnostician instance;
+  return &instance;
+}
+
+ModuleDiagnostician::ModuleDiagnostician() : workerPool(new ThreadPool(1, 10)) {
+  running = true;
+  // Started last: the thread uses every member.
+  memThread = std::thread(&ModuleDiagnostician::run, this);
+}
+
+ModuleDiagnostician::~ModuleDiagnostician() {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    running = false;
+  }
+  condition.notify_all();
+  if (memThread.joinable()) memThread.join();
+  // Registrations still queued land in the tables before these go.
+  workerPool.reset();
+}
+
+void ModuleDiagnostician::run() {
+  std::unique_lock<std::mutex> lock(mutex);
+  while (running && moduleMemEnable.load() != 0) {
+    if (!mUpdateRequested)
+      condition.wait_until(lock, std::chrono::steady_clock::now() + std::chrono::seconds(10));
+    mUpdateRequested = false;
+    if (!running) break;
+    if (memCallbacks.empty()) {
+      // Nothing to sum until a first registration (or the destructor) wakes us.
+      mIdle = true;
+      condition.wait(lock);
+      mIdle = false;
+      continue;
+    }
+    zuMetadataSize = static_cast<uint32_t>(caculateMem(memCallbacks[MODULE_METADATA_MEM]));
+    zualgoEngineDmaSize = static_cast<uint32_t>(caculateMem(memCallbacks[MODULE_ZUALGOENGINE_MEM]));
+    zuhalDmaSize = static_cast<uint32_t>(caculateMem(memCallbacks[MODULE_ZUHAL_MEM]));
+    writePraxMemInfoToFile();
+  }
+}
+
+void ModuleDiagnostician::registerCallbackFuncs(ModuleItem item, ModuleUsage, MemCallback func) {
+  if (moduleMemEnable.load() == 0 || !func) return;
+  workerPool->enqueue([this, item, func = std::move(func)]() mutable {
+    std::lock_guard<std::mutex> lock(mutex);
+    memCallbacks[item].push_back(std::move(func));
+    // A thread idling on an empty table starts its periods now.
+    if (mIdle) condition.notify_all();
+  });
+}
+
+void ModuleDiagnostician::registerCallbackFuncs(ModuleItem item, ModuleUsage, StringCallback func) {
+  if (moduleDumpEnable.load() == 0 || !func) return;
+  workerPool->enqueue([this, item, func = std::move(func)]() mutable {
+    std::lock_guard<std::mutex> lock(mutex);
+    stringCallbacks[item].push_back(std::move(func));
+  });
+}
+
+void ModuleDiagnostician::registerCallbackFuncs(ModuleItem item, ModuleUsage, IntCallback func) {
+  if (moduleDumpEnable.load() == 0 || !func) return;
+  workerPool->enqueue([this, item, func = std::move(func)]() mutable {
+    std::lock_guard<std::mutex> lock(mutex);
+    intCallbacks[item].push_back(std::move(func));
+  });
+}
+
+void ModuleDiagnostician::syncRegistrations() {
+  std::mutex doneMutex;
+  std::condition_variable doneCond;
+  bool done = false;
+  int rc = workerPool->enqueue([&]() {
+    std::lock_guard<std::mutex> lock(doneMutex);
+    done = true;
+    doneCond.notify_all();
+  });
+  if (rc != 0) return;
+  std::unique_lock<std::mutex> lock(doneMutex);
+  doneCond.wait(lock, [&] { return done; });
+}
+
+void ModuleDiagnostician::clearCallbackFuncs() {
+  std::lock_guard<std::mutex> lock(mutex);
+  memCallbacks.clear();
+  stringCallbacks.clear();
+  intCallbacks.clear();
+}
+
+uint64_t ModuleDiagnostician::caculateMem(MemCallbackList& list) {
+  uint64_t sum = 0;
+  for (auto it = list.begin(); it != list.end();) {
+    std::shared_ptr<MemInfo> info = (*it)(0);
+    if (info == nullptr) {
+      it = list.erase(it);  // the module is gone
+      continue;
+    }
+    sum += info->size;
+    ++it;
+  }
+  return sum;
+}
+
+void ModuleDiagnostician::writePraxMemInfoToFile() {
+  char resolved[PLATFORM_PATH_MAX];
+  FILE* fp = fopen(platform_resolve_path(kMemInfoPath, resolved, sizeof(resolved)), "w");
+  if (fp == nullptr) {
+    ZU_LOGE("Prax-Diagnostician", ZU_GROUP_HAL, "open praxmeminfo.txt failed!");
+    return;
+  }
+  // Two blanks between the time and the first label.
+  std::string line = getCurrentTime() + " " + " zuhalDmaSize:" + std::to_string(zuhalDmaSize / kMiB) +
+                     ", zualgoEngineDmaSize:" + std::to_string(zualgoEngineDmaSize / kMiB) +
+                     ", zuMetadataSize:" + std::to_string(zuMetadataSize / kMiB);
+  fwrite(line.data(), 1, line.size(), fp);
+  fclose(fp);
+}
+
+void ModuleDiagnostician::triggerMemInfoUpdate() {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    mUpdateRequested = true;
+  }
+  condition.notify_all();
+}
+
+void ModuleDiagnostician::dumpPraxCore(int fd) {
+  if (moduleDumpEnable.load() == 0) return;
+  std::lock_guard<std::mutex> lock(mutex);
+  std::string text;
+  text += "================================PRAX dump begin================================\n";
+  text += "================================Zuhal dump begin===============================\n";
+  collectStates(stringCallbacks[MODULE_ZUHAL_DUMP], text);
+  text += "================================Zuhal dump end=================================\n";
+  text += "============================Zualgoengine dump begin============================\n";
+  collectStates(stringCallbacks[MODULE_ZUALGOENGINE_DUMP], text);
+  // One "=" shorter than the other banners.
+  text += "============================Zualgoengine dump end=============================\n";
+  text += "================================PRAX dump end==================================\n";
+  size_t off = 0;
+  while (off < text.size()) {
+    ssize_t n = write(fd, text.data() + off, text.size() - off);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      ZU_LOGW("Prax-Diagnostician", ZU_GROUP_HAL, "dumpInfo: write PRAX dump info to dumpsys file failed.");
+      return;
+    }
+    off += static_cast<size_t>(n);
+  }
+}
+
+void ModuleDiagnostician::dumpPraxInfo(bool force) {
+  if (!force && sDumpPraxInfoCount.load() % 5 != 0) return;
+  std::lock_guard<std::mutex> lock(mutex);
+  auto& probes = intCallbacks[MODULE_ZUHAL_DUMP];
+  for (auto it = probes.begin(); it != probes.end();) {
+    bool gone = false;
+    (*it)(gone);
+    it = gone ? probes.erase(it) : it + 1;
+  }
+  sDumpPraxInfoCount.fetch_add(1);
+}
+
+}  // namespace zudebug

@@ -253,4 +253,98 @@ ZUDEBUG_EXPORT void writeSnapshotInfoToJsonFile(const std::shared_ptr<SnapshotRe
 
 // ---- module diagnostician ----
 
+// The module a callback belongs to.
+enum ModuleItem : int32_t {
+  MODULE_METADATA_MEM = 0,       // metadata pool memory
+  MODULE_ZUHAL_MEM = 1,          // camera HAL memory
+  MODULE_ZUALGOENGINE_MEM = 3,   // algorithm-engine memory
+  MODULE_ZUHAL_DUMP = 4,         // camera HAL state (dumps and probes)
+  MODULE_ZUALGOENGINE_DUMP = 5,  // algorithm-engine state (dumps)
+};
+
+// What a callback is used for; recorded by nobody, accepted for the callers' sake.
+enum ModuleUsage : int32_t {
+  MODULE_USAGE_MEMORY = 0,
+  MODULE_USAGE_DUMP = 1,
+  MODULE_USAGE_PROBE = 2,
+};
+
+// Returned by a memory callback. Modules may return a type derived from it.
+struct MemInfo {
+  uint64_t size = 0;  // bytes the module uses now
+};
+
+// Collects the camera modules' memory use and state through callbacks.
+//
+// Sharing: a camera process uses one instance, obtained with getInstance() (created
+// at the first call, destroyed at process exit). Call SnapDiagnostician::init first:
+// the memory thread only runs when moduleMemEnable was set before the instance was
+// created. Separate instances may be constructed (each with its own threads), but they
+// all write the same memory-information file.
+//
+// Registrations are queued on the instance's worker thread and take effect shortly
+// after the call; syncRegistrations() waits until those already queued are in.
+// Callbacks run with the instance's lock held and must not call back into it.
+class ZUDEBUG_EXPORT ModuleDiagnostician {
+ public:
+  using MemCallback = std::function<std::shared_ptr<MemInfo>(int)>;
+  using StringCallback = std::function<std::string(bool&)>;
+  using IntCallback = std::function<int(bool&)>;
+  using MemCallbackList = std::vector<MemCallback>;
+
+  static ModuleDiagnostician* getInstance();
+
+  ModuleDiagnostician();
+  // Wakes and joins the memory thread, then finishes queued registrations.
+  ~ModuleDiagnostician();
+  ModuleDiagnostician(const ModuleDiagnostician&) = delete;
+  ModuleDiagnostician& operator=(const ModuleDiagnostician&) = delete;
+
+  // Memory producer: called with 0 every period; returning null unregisters it.
+  // Dropped unless moduleMemEnable is set.
+  void registerCallbackFuncs(ModuleItem item, ModuleUsage usage, MemCallback func);
+  // State text for dumpPraxCore (items 4 and 5); setting the flag unregisters it.
+  // Dropped unless moduleDumpEnable is set.
+  void registerCallbackFuncs(ModuleItem item, ModuleUsage usage, StringCallback func);
+  // Probe for dumpPraxInfo (item 4); setting the flag unregisters it.
+  // Dropped unless moduleDumpEnable is set.
+  void registerCallbackFuncs(ModuleItem item, ModuleUsage usage, IntCallback func);
+  // Waits until every registration queued before the call has been applied. Must not
+  // be called from a callback.
+  void syncRegistrations();
+  void clearCallbackFuncs();
+
+  // Sum of the byte counts `list` reports; callbacks that return null are removed.
+  uint64_t caculateMem(MemCallbackList& list);
+  // Rewrites "/data/vendor/camera/praxmeminfo.txt" from the last sums.
+  void writePraxMemInfoToFile();
+  // Asks the memory thread to sum and rewrite the file now rather than at the end
+  // of its period (no effect while nothing is registered or the thread is not running).
+  void triggerMemInfoUpdate();
+  // Writes the HAL and algorithm-engine state texts to `fd` (a dump output).
+  void dumpPraxCore(int fd);
+  // Runs the HAL probes: always when `force`, otherwise on every fifth run only.
+  void dumpPraxInfo(bool force);
+
+ private:
+  void run();
+
+  uint32_t zuhalDmaSize = 0;
+  [[maybe_unused]] uint32_t mReserved = 0;  // keeps the sizes' layout; never written
+  uint32_t zualgoEngineDmaSize = 0;
+  uint32_t zuMetadataSize = 0;
+  std::condition_variable condition;
+  bool running = false;
+  std::thread memThread;
+  std::unique_ptr<ThreadPool> workerPool;
+  std::mutex mutex;
+  std::map<ModuleItem, MemCallbackList> memCallbacks;
+  std::map<ModuleItem, std::vector<StringCallback>> stringCallbacks;
+  std::map<ModuleItem, std::vector<IntCallback>> intCallbacks;
+  // The memory thread waits without a time limit (nothing registered yet).
+  bool mIdle = false;
+  // An update was asked for by triggerMemInfoUpdate().
+  bool mUpdateRequested = false;
+};
+
 }  // namespace zudebug

@@ -73,9 +73,10 @@ const char* kPraxSettings = R"({
 const char* kDsacSettings = R"({
   "UsePropPriority": false,
   "enableDSACMoudle": true,
-  "captureTimeoutMs": 4000,
-  "storageLowWaterMarkMB": 2048,
-  "dumpPath": "/data/vendor/camera/dsac",
+  "MaxStorageNum": 60,
+  "HighTempDelayTime": 20000,
+  "MinUfsSpeed": 3000000000,
+  "WbAvailBufEmptyThMap": "256:4;512:2;1024:1",
   "ratio": 0.75
 }
 )";
@@ -92,6 +93,9 @@ const char* kProps =
     "persist.vendor.camera.prax.loglevel=3\n"
     "persist.vendor.camera.logentry=2\n"
     "vendor.camera.sensor.logsystem=1\n"
+    "# DSAC storage tunables\n"
+    "persist.vendor.camera.dsac.MaxStorageNum=80\n"
+    "persist.vendor.camera.dsac.SDCardWriteType=1\n"
     "# guard monitor: a fast patrol, short request limits, request timeouts reported only\n"
     "vendor.camera.debug.intms=50\n"
     "vendor.camera.debug.rwarnms=300\n"
