@@ -503,7 +503,9 @@ void SnapshotRequestQueue::emplace_back(const std::string& uuid, uint32_t sessio
                                         std::function<void(uint32_t)> cb) {
   auto record = std::make_shared<SnapshotRecord>(uuid, session, frame, image, arg, regTime, std::move(cb));
   auto inserted = records.emplace(record->fakeFrameNum, record);
-  if (inserted.second) recordsByName[record->imageName].emplace(record->fakeFrameNum, record);
+  if (!inserted.second) return;
+  recordsByKey.emplace(record->fakeFrameNum, record.get());
+  recordsByName[record->imageName].emplace(record->fakeFrameNum, record);
 }
 
 void SnapshotRequestQueue::findByImageName(
@@ -528,8 +530,8 @@ bool SnapshotRequestQueue::remove(uint64_t key) {
 }
 
 SnapshotRecord* SnapshotRequestQueue::find(uint64_t key) const {
-  auto it = records.find(key);
-  return it == records.end() ? nullptr : it->second.get();
+  auto it = recordsByKey.find(key);
+  return it == recordsByKey.end() ? nullptr : it->second;
 }
 
 SnapshotRecord* SnapshotRequestQueue::firstByImageName(const std::string& image) const {
@@ -546,6 +548,7 @@ void SnapshotRequestQueue::erase(uint64_t key) {
     named->second.erase(key);
     if (named->second.empty()) recordsByName.erase(named);
   }
+  recordsByKey.erase(key);
   records.erase(it);
 }
 

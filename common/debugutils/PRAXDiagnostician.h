@@ -193,7 +193,9 @@ class ZUDEBUG_EXPORT SnapshotRequestQueue {
 
  private:
   std::map<uint64_t, RecordPtr> records;
-  // Image name -> its records by key, so lookups by name stay logarithmic.
+  // Key -> record: the update path's lookup, constant time however many are in flight.
+  std::unordered_map<uint64_t, SnapshotRecord*> recordsByKey;
+  // Image name -> its records by key, so lookups by name stay cheap.
   std::unordered_map<std::string, std::map<uint64_t, RecordPtr>> recordsByName;
   std::map<std::string, uint32_t> postProcInfo;
   std::vector<uint64_t> errorFrames;
