@@ -835,15 +835,23 @@ void writeHeader(const char* stamp, int signal, const siginfo_t* info, int timeo
       ->addLogInterfaceTimed(header, static_cast<unsigned int>(strnlen(header, sizeof(header))), timeoutMs);
 }
 
-// One line per piece of the stack text between "#" marks. The text before the first
-// mark and the catcher's own frame are left out; every other piece keeps the newline
-// that ended its frame.
+// Next "#" that starts a frame line. A "#" inside a symbol name ("{lambda()#1}")
+// stays with its frame.
+char* nextFrameMark(char* from, const char* text) {
+  for (char* m = strchr(from, '#'); m != nullptr; m = strchr(m + 1, '#'))
+    if (m == text || m[-1] == '\n') return m;
+  return nullptr;
+}
+
+// One line per piece of the stack text between frame marks ("#"). The text before
+// the first mark and the catcher's own frame are left out; every other piece keeps
+// the newline that ended its frame.
 void writeFrames(char* text, const char* stamp, std::chrono::steady_clock::time_point deadline) {
   ZuDebugInterface* debug = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug);
   char line[1024];
   int piece = 0;
   for (char* p = text; p != nullptr;) {
-    char* mark = strchr(p, '#');
+    char* mark = nextFrameMark(p, text);
     if (mark != nullptr) *mark = '\0';
     if (piece++ >= 2) {
       int n = stamp != nullptr ? snprintf(line, sizeof(line), "%s F DEBUG   : #%s", stamp, p)
