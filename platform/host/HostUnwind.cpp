@@ -300,6 +300,22 @@ const std::string& mainProgramPath() {
   return path;
 }
 
+// The loaded object that holds `pc`. glibc's lock-free lookup where there is one;
+// dladdr otherwise (it also scans the object's dynamic symbols, which is slower).
+const struct link_map* linkMapOf(uintptr_t pc) {
+#if defined(DLFO_STRUCT_HAS_EH_DBASE)
+  struct dl_find_object found;
+  if (_dl_find_object(reinterpret_cast<void*>(pc), &found) == 0) return found.dlfo_link_map;
+  return nullptr;
+#else
+  Dl_info info;
+  struct link_map* lm = nullptr;
+  if (dladdr1(reinterpret_cast<void*>(pc), &info, reinterpret_cast<void**>(&lm), RTLD_DL_LINKMAP) == 0)
+    return nullptr;
+  return lm;
+#endif
+}
+
 Module* findModule(uintptr_t bias, const char* path) {
   for (Module* m = gModules.load(std::memory_order_acquire); m != nullptr; m = m->next)
     if (m->bias == bias && m->path == path) return m;
@@ -402,24 +418,19 @@ RemoteResult captureThread(pid_t tid, size_t skip, Frame* out, size_t max, size_
 
 std::string formatFrame(size_t index, const Frame& frame) {
   char line[1024];
-  Dl_info info;
-  memset(&info, 0, sizeof(info));
-  struct link_map* lm = nullptr;
   // A return address may lie just past the end of its function (a call to a
   // function that does not return): look up the call instruction instead.
-  uintptr_t lookup = frame.exact ? frame.pc : frame.pc - 1;
-  if (dladdr1(reinterpret_cast<void*>(lookup), &info, reinterpret_cast<void**>(&lm), RTLD_DL_LINKMAP) == 0 ||
-      lm == nullptr) {
+  const uintptr_t lookup = frame.exact ? frame.pc : frame.pc - 1;
+  const struct link_map* lm = linkMapOf(lookup);
+  if (lm == nullptr) {
     snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  <unknown>", index, frame.pc);
     return line;
   }
-  uintptr_t bias = static_cast<uintptr_t>(lm->l_addr);
-  const char* path = (lm->l_name != nullptr && lm->l_name[0] != '\0') ? lm->l_name : nullptr;
-  if (path == nullptr)
-    path = info.dli_fname != nullptr && info.dli_fname[0] == '/' ? info.dli_fname : nullptr;
-  if (path == nullptr) path = mainProgramPath().c_str();
-  uintptr_t rel = frame.pc - bias;
-  uintptr_t relLookup = lookup - bias;
+  const uintptr_t bias = static_cast<uintptr_t>(lm->l_addr);
+  const char* path =
+      (lm->l_name != nullptr && lm->l_name[0] != '\0') ? lm->l_name : mainProgramPath().c_str();
+  const uintptr_t rel = frame.pc - bias;
+  const uintptr_t relLookup = lookup - bias;
 
   const char* name = nullptr;
   uintptr_t offset = 0;
@@ -436,7 +447,9 @@ std::string formatFrame(size_t index, const Frame& frame) {
     }
   }
   std::unique_ptr<char, decltype(&free)> fallback(nullptr, &free);
-  if (name == nullptr && m->symbols.empty() && info.dli_sname != nullptr && info.dli_saddr != nullptr &&
+  Dl_info info;
+  if (name == nullptr && m->symbols.empty() && dladdr(reinterpret_cast<void*>(lookup), &info) != 0 &&
+      info.dli_sname != nullptr && info.dli_saddr != nullptr &&
       reinterpret_cast<uintptr_t>(info.dli_saddr) <= lookup) {
     // No readable file (the vDSO): the loader's own dynamic symbols.
     int status = 0;
