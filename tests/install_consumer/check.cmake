@@ -1,0 +1,17 @@
+# Installs the built library into a scratch prefix, then configures, builds and runs
+# the consumer project against it.
+#   cmake -DBUILD_DIR=... -DWORK_DIR=... -DSOURCE_DIR=... -DGENERATOR=... -DCXX=... -DFLAGS=... -P check.cmake
+file(REMOVE_RECURSE "${WORK_DIR}")
+set(prefix "${WORK_DIR}/prefix")
+function(step)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "failed (${rc}): ${ARGN}")
+  endif()
+endfunction()
+step(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
+step(${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${WORK_DIR}/build" -G "${GENERATOR}" "-DCMAKE_CXX_COMPILER=${CXX}"
+     "-DCMAKE_PREFIX_PATH=${prefix}" "-DCMAKE_CXX_FLAGS=${FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${FLAGS}")
+step(${CMAKE_COMMAND} --build "${WORK_DIR}/build")
+step(${CMAKE_COMMAND} -E env ZUDEBUG_ROOT=${WORK_DIR} ZUDEBUG_LOGCAT=${WORK_DIR}/logcat.txt
+     "${WORK_DIR}/build/consumer")
