@@ -139,11 +139,7 @@ bool ZuPoolLock::lockShared(Deadline deadline) {
     if (!mWriter.load(std::memory_order_seq_cst)) return true;
     stripe.readers.fetch_sub(1, std::memory_order_release);
     // A writer is in: wait until it leaves, then try again.
-    if (deadline == Deadline::max()) {
-      mWriterMutex.lock();
-    } else if (!mWriterMutex.try_lock_until(deadline)) {
-      return false;
-    }
+    if (!mWriterMutex.try_lock_until(deadline)) return false;
     mWriterMutex.unlock();
   }
 }
@@ -153,11 +149,7 @@ void ZuPoolLock::unlockShared() {
 }
 
 bool ZuPoolLock::lock(Deadline deadline) {
-  if (deadline == Deadline::max()) {
-    mWriterMutex.lock();
-  } else if (!mWriterMutex.try_lock_until(deadline)) {
-    return false;
-  }
+  if (!mWriterMutex.try_lock_until(deadline)) return false;
   mWriter.store(true, std::memory_order_seq_cst);
   for (Stripe& stripe : mStripes) {
     for (int spins = 0; stripe.readers.load(std::memory_order_seq_cst) != 0; ++spins) {

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ZuDebugExport.h"
@@ -29,7 +30,8 @@ ZUDEBUG_EXPORT uint32_t zuCurrentTid();
 
 // A mutex that remembers which thread holds it, so that code running in a signal
 // handler can tell whether the interrupted thread is inside a critical section.
-// `Base` is std::timed_mutex or std::recursive_timed_mutex.
+// `Base` is std::mutex or std::recursive_mutex. Bounded waits poll try_lock, so that
+// they are safe in a signal handler and visible to every sanitizer.
 template <class Base>
 class ZuOwnedMutex {
  public:
@@ -47,9 +49,11 @@ class ZuOwnedMutex {
       lock();
       return true;
     }
-    if (!mBase.try_lock_until(deadline)) return false;
-    noteAcquired();
-    return true;
+    for (;;) {
+      if (try_lock()) return true;
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
   }
   void unlock() {
     if (--mDepth == 0) mOwner.store(0, std::memory_order_relaxed);
@@ -65,13 +69,13 @@ class ZuOwnedMutex {
   std::atomic<uint32_t> mOwner{0};
   uint32_t mDepth = 0;  // changed only by the holder
 };
-using ZuOwnedRecursiveMutex = ZuOwnedMutex<std::recursive_timed_mutex>;
-using ZuOwnedPlainMutex = ZuOwnedMutex<std::timed_mutex>;
+using ZuOwnedRecursiveMutex = ZuOwnedMutex<std::recursive_mutex>;
+using ZuOwnedPlainMutex = ZuOwnedMutex<std::mutex>;
 
 // Reader-writer lock of a logger's pool. Readers (appends of many threads) each touch
 // only their own stripe, so appends of different threads never contend; a writer
 // (flush, reset) closes the door and waits until every stripe is empty.
-class ZuPoolLock {
+class ZUDEBUG_EXPORT ZuPoolLock {
  public:
   using Deadline = std::chrono::steady_clock::time_point;
   // Shared side; false when the deadline passed first.
@@ -89,7 +93,7 @@ class ZuPoolLock {
   };
   Stripe mStripes[kStripes];
   std::atomic<bool> mWriter{false};
-  std::timed_mutex mWriterMutex;
+  ZuOwnedPlainMutex mWriterMutex;
   std::atomic<uint32_t> mOwner{0};
 };
 
