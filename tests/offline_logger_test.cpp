@@ -174,60 +174,44 @@ TEST(OfflineLogger, StartFailsChild) {
   EXPECT_EQ(logFiles().size(), 0u);
 }
 
-TEST(OfflineLogger, StartFailsOnSpace) {
-  {
-    // 2999 MiB: below the limit; each attempt leaves the 50-byte notice.
+TEST(OfflineLogger, StartFailures) {
+  // 2999 MiB free: each attempt leaves the 50-byte notice. A failing query: no notice.
+  const std::string notice = "OfflineLogger detect file system has no space left";
+  for (const char* freeMb : {"2999", "fail"}) {
+    SCOPED_TRACE(freeMb);
+    const bool noSpace = std::string(freeMb) == "2999";
     TempRoot root;
     root.setProps({{"persist.vendor.camera.offlinedebug.mask", "1"}});
-    expectChildPassed(runChild("OfflineLogger.StartFailsChild", root, {{"ZUDEBUG_FREE_MB", "2999"}}));
-    EXPECT_EQ(readFile(root.path(kDir + "/ZuCam_Debug_ErrorMsg.txt")),
-              "OfflineLogger detect file system has no space left"
-              "OfflineLogger detect file system has no space left");
+    expectChildPassed(runChild("OfflineLogger.StartFailsChild", root, {{"ZUDEBUG_FREE_MB", freeMb}}));
+    EXPECT_EQ(readFile(root.path(kDir + "/ZuCam_Debug_ErrorMsg.txt")), noSpace ? notice + notice : "");
     const std::string logcat = readFile(root.logcatFile());
-    EXPECT_EQ(countSubstr(logcat, "OfflineLogger detect file system has no space left!\n"), 2u);
     EXPECT_EQ(countSubstr(logcat, "E/ZuCamDebug: ZuDebugUtils.cpp startOfflineLogger():"), 2u);
     EXPECT_EQ(countSubstr(logcat, "OfflineLogger Initialize failed!"), 2u);
+    EXPECT_EQ(countSubstr(logcat, "OfflineLogger get override setting failed"), 2u);
+    EXPECT_EQ(countSubstr(logcat, notice + "!\n"), noSpace ? 2u : 0u);
+    for (const char* msg :
+         {"Offlinelog failed to get file system information!", "query system space failed!"})
+      EXPECT_EQ(countSubstr(logcat, msg), noSpace ? 0u : 2u) << msg;
   }
   {
-    // The free-space query itself fails.
+    // The log directory is a plain file: nothing can be written, nothing crashes.
     TempRoot root;
     root.setProps({{"persist.vendor.camera.offlinedebug.mask", "1"}});
-    expectChildPassed(runChild("OfflineLogger.StartFailsChild", root, {{"ZUDEBUG_FREE_MB", "fail"}}));
-    const std::string logcat = readFile(root.logcatFile());
-    for (const char* msg :
-         {"Offlinelog failed to get file system information!", "OfflineLogger query system space failed!",
-          "OfflineLogger get override setting failed"})
-      EXPECT_EQ(countSubstr(logcat, msg), 2u) << msg;
-    EXPECT_FALSE(logcat.find("no space left") != std::string::npos);
-    EXPECT_EQ(readFile(root.path(kDir + "/ZuCam_Debug_ErrorMsg.txt")), "");
+    ASSERT_EQ(rmdir(root.offlineDir().c_str()), 0);
+    root.writeFile(kDir, "not a directory");
+    expectChildPassed(
+        runChild("OfflineLogger.LogLinesChild", root, {{"ZUDEBUG_FREE_MB", "5000"}, {"LINES", "20000"}}));
+    EXPECT_GE(
+        countSubstr(readFile(root.logcatFile()), "zu-debug TXT Offlinelog failed to open file and write"),
+        1u);
+    EXPECT_EQ(readFile(root.path(kDir)), "not a directory");
   }
-}
-
-// Child: the log directory is a plain file, so nothing can be written; logging and
-// flushing go on without a crash.
-TEST(OfflineLogger, UnwritableDirectoryChild) {
-  ZU_CHILD_ONLY();
-  ASSERT_EQ(facade()->startOfflineLogger(), 0);
-  for (int i = 0; i < 1000; ++i) logNumbered(0, i);
-  Log::logSystem(64, "E", "cam.cpp", "run", 1, "error");
-  facade()->stopOfflineLogger();
-}
-
-TEST(OfflineLogger, UnwritableDirectory) {
-  TempRoot root;
-  root.setProps({{"persist.vendor.camera.offlinedebug.mask", "1"}});
-  ASSERT_EQ(rmdir(root.offlineDir().c_str()), 0);
-  root.writeFile(kDir, "not a directory");
-  expectChildPassed(runChild("OfflineLogger.UnwritableDirectoryChild", root, {{"ZUDEBUG_FREE_MB", "5000"}}));
-  EXPECT_GE(countSubstr(readFile(root.logcatFile()), "zu-debug TXT Offlinelog failed to open file and write"),
-            1u);
-  EXPECT_EQ(readFile(root.path(kDir)), "not a directory");
 }
 
 // ---- files ----
 
-// Child: writes a little over 11 MiB from one thread.
-TEST(OfflineLogger, RotationChild) {
+// Child: LINES numbered lines from one thread.
+TEST(OfflineLogger, LogLinesChild) {
   ZU_CHILD_ONLY();
   ASSERT_EQ(facade()->startOfflineLogger(), 0);
   const int lines = atoi(getenv("LINES"));
@@ -252,7 +236,7 @@ TEST(OfflineLogger, ScanAndRotation) {
     root.writeFile(kDir + "/" + name, "keep");
   // Lines of about 76 bytes: a little over 11 MiB in all.
   const int lines = 155000;
-  expectChildPassed(runChild("OfflineLogger.RotationChild", root, {{"LINES", std::to_string(lines)}}));
+  expectChildPassed(runChild("OfflineLogger.LogLinesChild", root, {{"LINES", std::to_string(lines)}}));
 
   // The scan lists only this type's names, oldest first.
   std::vector<std::string> listed;
@@ -296,7 +280,7 @@ TEST(OfflineLogger, ScanAndRotation) {
 // ---- hand-over and the flush thread ----
 
 // Child: threads that log one line and end hand their queues over; the eighth wakes the
-// flush thread.
+// flush thread. Then the process exits in the middle of logging.
 TEST(OfflineLogger, ThreadExitHandOverChild) {
   ZU_CHILD_ONLY();
   ASSERT_EQ(facade()->startOfflineLogger(), 0);
@@ -309,6 +293,16 @@ TEST(OfflineLogger, ThreadExitHandOverChild) {
   for (int i = 0; i < 1000 && countSubstr(allLogText(), "\n") < 8; ++i) usleep(10000);
   EXPECT_EQ(checkNumbered(allLogText(), 8, 1), 0u);
   EXPECT_NE(readFile("logcat.txt").find("OfflineLogger requestFlushLogQueue Signaled!!"), std::string::npos);
+  // The process ends with exit() while threads log and the flush thread works: no hang.
+  for (int t = 0; t < 3; ++t)
+    std::thread([t] {
+      for (int i = 0;; ++i) {
+        logNumbered(t, i);
+        if (i % 100 == 0) usleep(100);
+      }
+    }).detach();
+  usleep(200000);
+  exit(::testing::Test::HasFailure() ? 1 : 0);
 }
 
 TEST(OfflineLogger, ThreadExitHandOver) {
@@ -430,28 +424,16 @@ TEST(OfflineLogger, BoundedCallsChild) {
     EXPECT_FALSE(debug->flushLogToFileInterfaceTimed(true, 100));
   }
   // Another thread holds it: the flush gives up after its time.
-  std::mutex m;
-  std::condition_variable cv;
-  int stage = 0;
+  std::atomic<int> stage{0};
   std::thread holder([&] {
     std::lock_guard<ZuOwnedRecursiveMutex> control(debug->controlMutex());
-    std::unique_lock<std::mutex> lock(m);
     stage = 1;
-    cv.notify_all();
-    cv.wait(lock, [&] { return stage == 2; });
+    while (stage != 2) usleep(1000);
   });
-  {
-    std::unique_lock<std::mutex> lock(m);
-    cv.wait(lock, [&] { return stage == 1; });
-  }
+  while (stage != 1) usleep(1000);
   EXPECT_FALSE(debug->flushLogToFileInterfaceTimed(true, 50));
-  EXPECT_TRUE(debug->addLogInterfaceTimed(line, sizeof(line) - 1, 50))
-      << "appends do not need the control mutex";
-  {
-    std::lock_guard<std::mutex> lock(m);
-    stage = 2;
-    cv.notify_all();
-  }
+  EXPECT_TRUE(debug->addLogInterfaceTimed(line, sizeof(line) - 1, 50)) << "appends need no control mutex";
+  stage = 2;
   holder.join();
   EXPECT_TRUE(debug->flushLogToFileInterfaceTimed(true, 1000));
   EXPECT_EQ(countSubstr(allLogText(), "bounded line\n"), 2u);
@@ -459,24 +441,3 @@ TEST(OfflineLogger, BoundedCallsChild) {
 }
 
 TEST(OfflineLogger, BoundedCalls) { expectChildPassed(runWithMask("OfflineLogger.BoundedCallsChild")); }
-
-// Child: ends the process with exit() while threads log and the flush thread works.
-TEST(OfflineLogger, ExitWhileLoggingChild) {
-  ZU_CHILD_ONLY();
-  ASSERT_EQ(facade()->startOfflineLogger(), 0);
-  for (int t = 0; t < 3; ++t)
-    std::thread([t] {
-      for (int i = 0;; ++i) {
-        logNumbered(t, i);
-        if (i % 100 == 0) usleep(100);
-      }
-    }).detach();
-  usleep(200000);
-  exit(0);
-}
-
-TEST(OfflineLogger, ExitWhileLogging) {
-  ChildResult r = runWithMask("OfflineLogger.ExitWhileLoggingChild");
-  EXPECT_TRUE(r.exited()) << r.output;
-  EXPECT_EQ(r.exitCode(), 0) << r.output;
-}
