@@ -458,38 +458,80 @@ bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result
   }
   // Small amounts wait in memory; no need to stop every appender to find that out.
   if (!force && mNeedFlushThreadCount.load() < kFlushThreshold) return true;
+  return force ? forcedFlush(deadline, result) : normalFlush(deadline, result);
+}
+
+// Writes the queues that were handed over. Nobody writes into those any more, so the
+// appenders go on meanwhile; the file mutex keeps resets and forced flushes out.
+bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
+  HeldLock<ZuOwnedPlainMutex> fileLock(mFileMutex, deadline);
+  if (!fileLock.held()) return false;
+  std::vector<std::pair<int, PerLogThreadInfo*>> batch;
+  {
+    HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+    if (!poolLock.held()) return false;
+    if (mStatus.load() == kStatusStopped) {
+      *result = -1;
+      return true;
+    }
+    if (mNeedFlushThreadCount.load() < kFlushThreshold) return true;
+    batch.reserve(mFlushRegisterId.size());
+    for (int id : mFlushRegisterId)
+      if (id >= 0 && id < static_cast<int>(mPerLogInfoPool.size()))
+        batch.emplace_back(id, mPerLogInfoPool[id].get());
+    mFlushRegisterId.clear();
+  }
+  for (auto& entry : batch) writeRecordLocked(*entry.second, false);
+  {
+    std::lock_guard<ZuOwnedRecursiveMutex> poolLock(mPoolMutex);
+    for (auto& entry : batch) recycleLocked(entry.first, *entry.second);
+  }
+  rotateLocked();
+  return true;
+}
+
+// Writes every queue that holds data, also those of live threads, with every append
+// held off: order pool lock (write), file mutex, pool mutex.
+bool ZuDegbugOfflineLogger::forcedFlush(Deadline deadline, int* result) {
   if (!mPoolLock.lock(deadline)) return false;
   struct Unlock {
     ZuPoolLock& lock;
     ~Unlock() { lock.unlock(); }
   } unlockPool{mPoolLock};
-  HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
-  if (!poolLock.held()) return false;
   HeldLock<ZuOwnedPlainMutex> fileLock(mFileMutex, deadline);
   if (!fileLock.held()) return false;
+  HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+  if (!poolLock.held()) return false;
   if (mStatus.load() == kStatusStopped) {
     *result = -1;
     return true;
   }
-  if (force) {
-    mStatus.store(kStatusStopping);
-    for (int id = 0; id < static_cast<int>(mPerLogInfoPool.size()); ++id) mFlushRegisterId.push_back(id);
-  }
-  if (!force && mNeedFlushThreadCount.load() < kFlushThreshold) return true;
-
+  mStatus.store(kStatusStopping);
+  for (int id = 0; id < static_cast<int>(mPerLogInfoPool.size()); ++id) mFlushRegisterId.push_back(id);
   while (!mFlushRegisterId.empty()) {
     const int id = mFlushRegisterId.front();
     mFlushRegisterId.pop_front();
     if (id < 0 || id >= static_cast<int>(mPerLogInfoPool.size())) continue;
-    writeRecordLocked(*mPerLogInfoPool[id], force);
-    PerLogThreadInfo& record = *mPerLogInfoPool[id];
-    if (record.bReserved) {
-      // Handed over: block and record go back to the free lists.
-      record.bReserved = false;
-      mFreeMemoryIndex.push_back(record.memoryIndex);
-      mFreeRegisterId.push_back(id);
-    }
+    writeRecordLocked(*mPerLogInfoPool[id], true);
+    recycleLocked(id, *mPerLogInfoPool[id]);
   }
+  rotateLocked();
+  uint32_t next = mFlushGeneration.load(std::memory_order_relaxed) + 1;
+  if (next == 0) next = 1;
+  mFlushGeneration.store(next, std::memory_order_relaxed);
+  return true;
+}
+
+// Under the pool mutex: a written queue that was handed over goes back to the free lists.
+void ZuDegbugOfflineLogger::recycleLocked(int registerId, PerLogThreadInfo& record) {
+  if (!record.bReserved) return;
+  record.bReserved = false;
+  mFreeMemoryIndex.push_back(record.memoryIndex);
+  mFreeRegisterId.push_back(registerId);
+}
+
+// Under the file mutex: keep at most mFileLimit files, deleting the oldest.
+void ZuDegbugOfflineLogger::rotateLocked() {
   while (mFileList.size() > mFileLimit) {
     const std::string& oldest = mFileList.front();
     ResolvedPath path(oldest.c_str());
@@ -497,12 +539,6 @@ bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result
       ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile", "remove OfflineLog failed: %s", oldest.c_str());
     mFileList.pop_front();
   }
-  if (force) {
-    uint32_t next = mFlushGeneration.load(std::memory_order_relaxed) + 1;
-    if (next == 0) next = 1;
-    mFlushGeneration.store(next, std::memory_order_relaxed);
-  }
-  return true;
 }
 
 // Writes one record's bytes when it waits for flushing, or holds data at a forced
@@ -542,7 +578,8 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool for
     record.bNeedFlush = false;
     record.bReserved = true;
     uint32_t count = mNeedFlushThreadCount.load(std::memory_order_relaxed);
-    if (count > 0) mNeedFlushThreadCount.store(count - 1, std::memory_order_relaxed);
+    while (count > 0 && !mNeedFlushThreadCount.compare_exchange_weak(count, count - 1)) {
+    }
   }
 }
 
@@ -659,6 +696,7 @@ int ZuDegbugOfflineLogger::stop() {
   setAllToDefaultValue();
   {
     std::lock_guard<ZuPoolLock> write(mPoolLock);
+    std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
     std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
     mFlushGeneration.store(0, std::memory_order_relaxed);
     mSessionCount.fetch_add(1, std::memory_order_relaxed);
@@ -671,7 +709,9 @@ int ZuDegbugOfflineLogger::stop() {
 }
 
 void ZuDegbugOfflineLogger::setAllToDefaultValue() {
+  // The file mutex keeps a normal flush from writing queues that go away here.
   std::lock_guard<ZuPoolLock> write(mPoolLock);
+  std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
   std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
   mFreeMemoryIndex.clear();
   for (int i = 0; i < static_cast<int>(mMemoryLogPool.size()); ++i) mFreeMemoryIndex.push_back(i);

@@ -180,6 +180,10 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   bool requestFlushLogQueueUntil(int registerId, Deadline deadline);
   bool updateRecordCounters(int registerId, uint32_t used, uint32_t total, Deadline deadline);
   bool flushImpl(bool force, Deadline deadline, int* result);
+  bool normalFlush(Deadline deadline, int* result);
+  bool forcedFlush(Deadline deadline, int* result);
+  void recycleLocked(int registerId, PerLogThreadInfo& record);
+  void rotateLocked();
   void writeRecordLocked(PerLogThreadInfo& record, bool force);
   bool queryAvailableSpace(const char* path, float* mib);
   void scanDirectoryOnce();

@@ -1,0 +1,296 @@
+// The offline logging path against its floor and against spdlog and glog, same message
+// and same run; plus the forced flush against a plain sequential write.
+//
+// The program re-runs itself in a throw-away device root with the debug mask set, so
+// that offline logging is on from library load, as on a device.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "ZuDebugUtils.h"
+
+#ifdef ZUDEBUG_HAVE_SPDLOG
+#include <spdlog/async.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/spdlog.h>
+#endif
+#ifdef ZUDEBUG_HAVE_GLOG
+#include <glog/logging.h>
+#endif
+
+// ---- heap allocations, counted per thread ----
+extern "C" void* __libc_malloc(size_t);
+extern "C" void* __libc_calloc(size_t, size_t);
+extern "C" void* __libc_realloc(void*, size_t);
+static __thread size_t tAllocations __attribute__((tls_model("initial-exec")));
+extern "C" void* malloc(size_t n) {
+  ++tAllocations;
+  return __libc_malloc(n);
+}
+extern "C" void* calloc(size_t n, size_t m) {
+  ++tAllocations;
+  return __libc_calloc(n, m);
+}
+extern "C" void* realloc(void* p, size_t n) {
+  ++tAllocations;
+  return __libc_realloc(p, n);
+}
+
+using namespace zudebug;
+
+namespace {
+
+// About 100 characters with two integers and one string.
+#define BENCH_FORMAT "pipeline %s: frame %d processed in %d us, all stages on time, no buffers dropped so far"
+const char* kStage = "RequestThd";
+
+std::string gRoot;
+
+void reportAllocations(benchmark::State& state, size_t before) {
+  state.counters["allocs/call"] =
+      benchmark::Counter(static_cast<double>(tAllocations - before) / static_cast<double>(state.iterations()),
+                         benchmark::Counter::kAvgThreads);
+}
+
+// ---- the library ----
+
+void BM_LogSystem(benchmark::State& state) {
+  int frame = 0;
+  Log::logSystem(64, "I", "bench.cpp", "frame", 42, BENCH_FORMAT, kStage, frame, 800);  // thread set-up
+  const size_t before = tAllocations;
+  for (auto _ : state) {
+    ++frame;
+    Log::logSystem(64, "I", "bench.cpp", "frame", 42, BENCH_FORMAT, kStage, frame, 800 + frame % 300);
+  }
+  reportAllocations(state, before);
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_LogSystem)->Threads(1)->Threads(2)->UseRealTime();
+
+// ---- the floor: one clock read, one local-time conversion, one snprintf, one copy ----
+
+void BM_Floor(benchmark::State& state) {
+  static thread_local std::vector<char> own(1 << 20);
+  const int pid = getpid();
+  const int tid = static_cast<int>(syscall(SYS_gettid));
+  size_t offset = 0;
+  int frame = 0;
+  const size_t before = tAllocations;
+  for (auto _ : state) {
+    ++frame;
+    char line[1024];
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    struct tm tm;
+    localtime_r(&ts.tv_sec, &tm);
+    int n = snprintf(line, sizeof(line),
+                     "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s %s %s %s:%d %s() " BENCH_FORMAT "\n",
+                     tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ts.tv_nsec, pid, tid, "I",
+                     "ZuCamHAL", "[HAL ]", "bench.cpp", 42, "frame", kStage, frame, 800 + frame % 300);
+    if (offset + static_cast<size_t>(n) > own.size()) offset = 0;
+    memcpy(own.data() + offset, line, static_cast<size_t>(n));
+    offset += static_cast<size_t>(n);
+    benchmark::DoNotOptimize(own.data());
+  }
+  reportAllocations(state, before);
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_Floor)->Threads(1)->Threads(2)->UseRealTime();
+
+// ---- peers ----
+
+#ifdef ZUDEBUG_HAVE_SPDLOG
+std::shared_ptr<spdlog::logger> spdlogger(bool async) {
+  static std::shared_ptr<spdlog::logger> loggers[2];
+  static std::once_flag once;
+  std::call_once(once, [] {
+    spdlog::init_thread_pool(8192, 1);
+    const std::string dir = gRoot + "/peers/";
+    loggers[0] = spdlog::rotating_logger_mt("sync", dir + "spdlog_sync.txt", 10 << 20, 10);
+    loggers[1] =
+        spdlog::rotating_logger_mt<spdlog::async_factory>("async", dir + "spdlog_async.txt", 10 << 20, 10);
+    for (auto& l : loggers) l->set_pattern("%m-%d %H:%M:%S:%F  %P  %t %L %v");
+  });
+  return loggers[async ? 1 : 0];
+}
+
+void spdlogRun(benchmark::State& state, bool async) {
+  auto logger = spdlogger(async);
+  int frame = 0;
+  const size_t before = tAllocations;
+  for (auto _ : state) {
+    ++frame;
+    logger->info(
+        "ZuCamHAL [HAL ] bench.cpp:42 frame() pipeline {}: frame {} processed in {} us, all stages on time, "
+        "no "
+        "buffers dropped so far",
+        kStage, frame, 800 + frame % 300);
+  }
+  reportAllocations(state, before);
+  state.SetItemsProcessed(state.iterations());
+}
+void BM_SpdlogAsyncRotating(benchmark::State& state) { spdlogRun(state, true); }
+void BM_SpdlogSyncRotating(benchmark::State& state) { spdlogRun(state, false); }
+BENCHMARK(BM_SpdlogAsyncRotating)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_SpdlogSyncRotating)->Threads(1)->Threads(2)->UseRealTime();
+#endif
+
+#ifdef ZUDEBUG_HAVE_GLOG
+void BM_GlogFile(benchmark::State& state) {
+  int frame = 0;
+  const size_t before = tAllocations;
+  for (auto _ : state) {
+    ++frame;
+    LOG(INFO) << "ZuCamHAL [HAL ] bench.cpp:42 frame() pipeline " << kStage << ": frame " << frame
+              << " processed in " << 800 + frame % 300
+              << " us, all stages on time, no buffers dropped so far";
+  }
+  reportAllocations(state, before);
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_GlogFile)->Threads(1)->Threads(2)->UseRealTime();
+#endif
+
+// ---- the pool lock's shared side against std::shared_mutex ----
+
+void BM_PoolLockShared(benchmark::State& state) {
+  static ZuPoolLock lock;
+  for (auto _ : state) {
+    lock.lockShared();
+    benchmark::ClobberMemory();
+    lock.unlockShared();
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_PoolLockShared)->Threads(1)->Threads(2)->UseRealTime();
+
+void BM_StdSharedMutex(benchmark::State& state) {
+  static std::shared_mutex lock;
+  for (auto _ : state) {
+    lock.lock_shared();
+    benchmark::ClobberMemory();
+    lock.unlock_shared();
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_StdSharedMutex)->Threads(1)->Threads(2)->UseRealTime();
+
+// ---- flushing: forced flushes of full queues against a plain sequential write ----
+
+constexpr int kQueuesPerFlush = 8;
+constexpr size_t kChunk = 65536;
+
+// The Binary logger: its queues wait for a forced flush (no flush thread writes them).
+void BM_ForcedFlush(benchmark::State& state) {
+  ZuDebugInterface* binary = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary);
+  ZuDegbugOfflineLogger* logger = ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType::Binary);
+  std::vector<char> chunk(kChunk, 'b');
+  for (auto _ : state) {
+    state.PauseTiming();
+    // Fill kQueuesPerFlush queues; the chunk after each full queue hands it over.
+    for (int i = 0; i < kQueuesPerFlush * 16; ++i) binary->addLogInterface(chunk.data(), kChunk);
+    state.ResumeTiming();
+    logger->flushLogToFile(true);
+    logger->activeOfflineLogger();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kQueuesPerFlush * 16 * kChunk);
+}
+BENCHMARK(BM_ForcedFlush)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The same bytes with one descriptor, into files kept and rotated the same way.
+void BM_SequentialWrite(benchmark::State& state) {
+  std::vector<char> data(static_cast<size_t>(kQueuesPerFlush) * 16 * kChunk);
+  int fd = -1;
+  size_t fileSize = 0;
+  int fileNo = 0;
+  auto name = [](int n) { return gRoot + "/peers/sequential-" + std::to_string(n) + ".bin"; };
+  for (auto _ : state) {
+    state.PauseTiming();
+    memset(data.data(), 'a' + fileNo % 26, data.size());  // stands for filling the queues
+    state.ResumeTiming();
+    if (fd < 0) {
+      fd = open(name(fileNo).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_TRUNC, 0666);
+      if (fileNo >= 10) unlink(name(fileNo - 10).c_str());
+      ++fileNo;
+    }
+    for (size_t off = 0; off < data.size(); off += 1 << 20)
+      if (write(fd, data.data() + off, 1 << 20) != 1 << 20) state.SkipWithError("write");
+    fileSize += data.size();
+    if (fileSize > (10u << 20)) {
+      close(fd);
+      fd = -1;
+      fileSize = 0;
+    }
+  }
+  if (fd >= 0) close(fd);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(data.size()));
+}
+BENCHMARK(BM_SequentialWrite)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+
+// Prepares a device root with the debug mask set and runs this program again in it.
+int runInRoot(char** argv) {
+  char tmpl[] = "/tmp/zudebug-bench-XXXXXX";
+  if (mkdtemp(tmpl) == nullptr) return 1;
+  const std::string root = tmpl;
+  for (const char* dir :
+       {"/data", "/data/vendor", "/data/vendor/camera", "/data/vendor/camera/offlinelog", "/peers"})
+    mkdir((root + dir).c_str(), 0755);
+  FILE* props = fopen((root + "/props.txt").c_str(), "w");
+  if (props == nullptr) return 1;
+  fputs("persist.vendor.camera.offlinedebug.mask=1\n", props);
+  fclose(props);
+  setenv("ZUDEBUG_ROOT", root.c_str(), 1);
+  setenv("ZUDEBUG_PROPS", (root + "/props.txt").c_str(), 1);
+  setenv("ZUDEBUG_LOGCAT", "/dev/null", 1);
+  setenv("ZUDEBUG_FREE_MB", "100000", 1);
+  setenv("ZUDEBUG_BENCH_ROOT", root.c_str(), 1);
+  pid_t pid = fork();
+  if (pid == 0) {
+    if (chdir(root.c_str()) != 0) _exit(126);
+    execv("/proc/self/exe", argv);
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  nftw(root.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const char* root = getenv("ZUDEBUG_BENCH_ROOT");
+  if (root == nullptr) return runInRoot(argv);
+  gRoot = root;
+#ifdef ZUDEBUG_HAVE_GLOG
+  FLAGS_log_dir = gRoot + "/peers";
+  FLAGS_max_log_size = 10;
+  FLAGS_logtostderr = false;
+  google::InitGoogleLogging(argv[0]);
+#endif
+  if (ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)->startOfflineLogger() != 0 ||
+      ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)->startOfflineLogger() != 0) {
+    fprintf(stderr, "offline logging did not start (debug mask %u)\n", gZuCamDebugMask);
+    return 1;
+  }
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)->stopOfflineLogger();
+  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)->stopOfflineLogger();
+  return 0;
+}
