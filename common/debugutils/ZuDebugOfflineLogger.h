@@ -74,7 +74,8 @@ using ZuOwnedPlainMutex = ZuOwnedMutex<std::mutex>;
 
 // Reader-writer lock of a logger's pool. Readers (appends of many threads) each touch
 // only their own stripe, so appends of different threads never contend; a writer
-// (flush, reset) closes the door and waits until every stripe is empty.
+// (forced flush, reset, stop) closes the door and waits until every stripe is empty.
+// Lock order in the logger: pool lock (write), file mutex, queue mutex, pool mutex.
 class ZUDEBUG_EXPORT ZuPoolLock {
  public:
   using Deadline = std::chrono::steady_clock::time_point;
