@@ -35,7 +35,7 @@ void praxLogPrinter::printLine(const char* line) {
                       Log::zuaGroupToString(ZU_GROUP_CALLSTACK), file, kPrintLineLine, kPrintLineFunc,
                       mPrefix, line);
   const char* letter = severityOfPriority(mPriority);
-  if (gZuCamDebugMask == 0 && letter[0] != 'E') return;
+  if (zuDebugMask() == 0 && letter[0] != 'E') return;
   Log::logSystem(ZU_GROUP_CALLSTACK, letter, file, kPrintLineFunc, kPrintLineLine, "%s: %s", mPrefix, line);
 }
 

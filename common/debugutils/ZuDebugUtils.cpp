@@ -78,15 +78,22 @@ bool IsStandardReleaseVersion() {
 int Log::updateLogInfo() {
   ZU_DBG_LOGE("updateLogInfo");
   int64_t logEntry = property_get_int64("persist.vendor.camera.logentry", 2);
-  gZuCamLogLevel = static_cast<uint32_t>(property_get_int32("persist.vendor.camera.prax.loglevel", 3));
+  __atomic_store_n(&gZuCamLogLevel,
+                   static_cast<uint32_t>(property_get_int32("persist.vendor.camera.prax.loglevel", 3)),
+                   __ATOMIC_RELAXED);
   if (logEntry == 1 || (logEntry == 2 && IsStandardReleaseVersion())) {
     // Production: errors only unless asked otherwise, and the offline mask follows its property.
-    gZuCamLogLevel = static_cast<uint32_t>(property_get_int32("persist.vendor.camera.prax.loglevel", 6));
-    gZuCamDebugMask = static_cast<uint32_t>(property_get_int32("persist.vendor.camera.offlinedebug.mask", 0));
+    __atomic_store_n(&gZuCamLogLevel,
+                     static_cast<uint32_t>(property_get_int32("persist.vendor.camera.prax.loglevel", 6)),
+                     __ATOMIC_RELAXED);
+    __atomic_store_n(&gZuCamDebugMask,
+                     static_cast<uint32_t>(property_get_int32("persist.vendor.camera.offlinedebug.mask", 0)),
+                     __ATOMIC_RELAXED);
   }
-  g_traceInfo.traceGroups = property_get_int32("persist.vendor.camera.zualgo.tracegroups", 0);
-  g_traceInfo.reserved = 0;
-  return g_traceInfo.traceGroups;
+  const int32_t traceGroups = property_get_int32("persist.vendor.camera.zualgo.tracegroups", 0);
+  __atomic_store_n(&g_traceInfo.traceGroups, traceGroups, __ATOMIC_RELAXED);
+  __atomic_store_n(&g_traceInfo.reserved, 0, __ATOMIC_RELAXED);
+  return traceGroups;
 }
 
 const char* Log::zuaGroupToString(unsigned int group) {
@@ -274,7 +281,7 @@ void Log::logSystem(unsigned int group, const char* level, const char* file, con
   const bool isError = isErrorLevel(level);
   // Error lines are kept apart even while offline logging is off.
   if (isError) ZuDebugInterface::appendErrorInfo(buf);
-  if (gZuCamDebugMask == 0) return;
+  if (zuDebugMask() == 0) return;
   appendOffline(buf, n + 1);
   if (!isError || !escalationWanted()) return;
   // The message itself stays out of the report.
@@ -350,9 +357,9 @@ ZuDebugInterface::ZuDebugInterface(ZuOfflineLoggerType type)
     : mType(type), mLogger(ZuDegbugOfflineLogger::getInstance(type)) {
   Log::updateLogInfo();
   if (gZuCamLogGroup == 0) return;
-  if (gZuCamDebugMask == 0) return;
+  if (zuDebugMask() == 0) return;
   mEnabled = true;
-  mExtended = gZuCamDebugMask >= 3;
+  mExtended = zuDebugMask() >= 3;
   mFlushThread = std::thread(&ZuDebugInterface::requestOfflineLogThreadProcessing, this);
   mLogger->setFlushTriggerLink(signalOfflineLoggerThreadWrapper);
 }

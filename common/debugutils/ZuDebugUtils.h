@@ -49,6 +49,11 @@ enum ZuLogGroup : uint32_t {
   ZU_GROUP_ALGO_PERF = 32768,
 };
 
+// Level and debug mask may be reloaded by Log::updateLogInfo while other threads log:
+// they are plain words, read and written as relaxed atomics inside the library.
+inline uint32_t zuLogLevel() { return __atomic_load_n(&gZuCamLogLevel, __ATOMIC_RELAXED); }
+inline uint32_t zuDebugMask() { return __atomic_load_n(&gZuCamDebugMask, __ATOMIC_RELAXED); }
+
 // True on a production build.
 ZUDEBUG_EXPORT bool IsStandardReleaseVersion();
 
@@ -148,10 +153,10 @@ ZUDEBUG_EXPORT void signalOfflineLoggerThreadWrapper();
   do {                                                                                                      \
     const unsigned int zuGroup_ = (group);                                                                  \
     if ((::zudebug::gZuCamLogGroup & zuGroup_) != 0) {                                                      \
-      if (::zudebug::gZuCamLogLevel < (bound))                                                              \
+      if (::zudebug::zuLogLevel() < (bound))                                                                \
         __android_log_print((prio), (tag), "%s %s:%d %s()" fmt, ::zudebug::Log::zuaGroupToString(zuGroup_), \
                             ::zudebug::Log::getFileName(__FILE__), __LINE__, __func__, ##__VA_ARGS__);      \
-      if (!(needMask) || ::zudebug::gZuCamDebugMask != 0)                                                   \
+      if (!(needMask) || ::zudebug::zuDebugMask() != 0)                                                     \
         ::zudebug::Log::logSystem(zuGroup_, (sev), ::zudebug::Log::getFileName(__FILE__), __func__,         \
                                   __LINE__, fmt, ##__VA_ARGS__);                                            \
     }                                                                                                       \

@@ -67,9 +67,11 @@ void runLoggingScene(const HostOptions& opts) {
   ZU_GLOGD(ZU_GROUP_CORE, "configure streams: %d outputs", 3);
   ZU_GLOGW(ZU_GROUP_PLUGIN, "plug-in %s answered late (%d ms)", "mfnr", 48);
   ZU_GLOGE(ZU_GROUP_SERVICE, "request %u failed: %s", 17u, "buffer lost");
-  ZU_GLOGD(ZU_GROUP_RT, "this RT line is off: group 128 is not in the default mask");
+  ZU_GLOGD(ZU_GROUP_RT, "real-time thread: this line shows only while group 128 is enabled");
+  ZU_GLOGD(ZU_GROUP_SDK, "sdk: this line shows only while group 8192 is enabled");
   printf(
-      "logged 5 lines in groups HAL, Core, Plugin, Service and RT (RT is off);\n"
+      "logged 6 lines in groups HAL, Core, Plugin, Service, RT (%s) and Sdk (%s);\n"
       "the console lines are in %s/logcat.txt\n",
+      (gZuCamLogGroup & ZU_GROUP_RT) ? "on" : "off", (gZuCamLogGroup & ZU_GROUP_SDK) ? "on" : "off",
       opts.root.c_str());
 }
