@@ -1,12 +1,13 @@
 // Guard monitor. Each scenario runs in a child with its own load-time properties (a
-// 5 ms patrol), mostly on a fake clock, and checks the child's own Android log.
+// 5 ms patrol, aborts off unless asked), mostly on a fake clock, and checks the
+// child's own Android log.
 #include <log/log.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <sstream>
+#include <cstdio>
 #include <stdexcept>
 #include <thread>
 
@@ -16,95 +17,72 @@
 
 using namespace zudebug;
 using zutest::countSubstr;
+using zutest::inChild;
 
 namespace {
 
-using Props = std::map<std::string, std::string>;
-
-Props fastProps(const Props& extra = {}) {
-  Props p = {{"vendor.camera.debug.intms", "5"},
-             {"persist.vendor.camera.prax.loglevel", "0"},
-             {"persist.vendor.camera.debug.apiabortenable", "0"}};
-  for (const auto& kv : extra) p[kv.first] = kv.second;
-  return p;
-}
-
 struct ChildRun {
   zutest::ChildResult result;
-  std::string logcat;
-  std::string offline;  // all offline log files
+  std::string logcat, offline;  // the child's Android log; all its offline log files
 };
 
-ChildRun runScenario(const std::string& child, const Props& props) {
+// Runs GuardMonitor.<test> in a child; `props` are laid over the fast defaults.
+ChildRun runScenario(const std::string& test, const std::map<std::string, std::string>& props) {
   zutest::TempRoot root;
-  root.setProps(props);
-  ChildRun run{zutest::runChild("GuardMonitorChild." + child, root), zutest::readFile(root.logcatFile()), ""};
+  std::map<std::string, std::string> p = props;
+  p.insert({{"vendor.camera.debug.intms", "5"},
+            {"persist.vendor.camera.prax.loglevel", "0"},
+            {"persist.vendor.camera.debug.apiabortenable", "0"}});
+  root.setProps(p);
+  ChildRun run{zutest::runChild("GuardMonitor." + test, root), zutest::readFile(root.logcatFile()), ""};
   for (const auto& f : zutest::listDir(root.offlineDir()))
     run.offline += zutest::readFile(root.offlineDir() + "/" + f);
   return run;
 }
 
-// A child's own assertions decide its exit status.
-void expectPassed(const ChildRun& run) {
-  EXPECT_TRUE(run.result.exited() && run.result.exitCode() == 0) << run.result.output;
-  EXPECT_NE(run.result.output.find("[  PASSED  ] 1 test"), std::string::npos) << run.result.output;
+// The child's own assertions decide its exit status; `running` is the start-up line
+// its load-time properties should give.
+void expectPassed(const ChildRun& run, const std::string& running = "") {
+  EXPECT_TRUE(run.result.exited() && run.result.exitCode() == 0 &&
+              run.result.output.find("[  PASSED  ] 1 test") != std::string::npos)
+      << run.result.output;
+  EXPECT_EQ(running.empty() ? 1u : countSubstr(run.logcat, "Running: " + running), 1u) << run.logcat;
 }
 
 // ---- child side ----
 
 std::atomic<int64_t> gFakeMs{0};
-void fakeClock(timespec* now) {
-  int64_t ms = gFakeMs.load();
-  now->tv_sec = static_cast<time_t>(100000 + ms / 1000);
-  now->tv_nsec = static_cast<long>(ms % 1000) * 1000000;
+GuardMonitor* fakeTimeMonitor() {
+  GuardMonitor::setMonotonicClock([](timespec* now) {
+    int64_t ms = gFakeMs.load();
+    now->tv_sec = static_cast<time_t>(100000 + ms / 1000);
+    now->tv_nsec = static_cast<long>(ms % 1000) * 1000000;
+  });
+  return GuardMonitor::getSingleton();
 }
 
 std::string logcat() { return zutest::readFile(getenv("ZUDEBUG_LOGCAT")); }
 
 bool waitForLog(const std::string& needle, size_t count = 1) {
-  for (int i = 0; i < 6000; ++i) {
-    if (countSubstr(logcat(), needle) >= count) return true;
+  for (int i = 0; i < 6000 && countSubstr(logcat(), needle) < count; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return false;
+  return countSubstr(logcat(), needle) >= count;
 }
 
-void note(const char* text) { __android_log_print(ANDROID_LOG_INFO, "GuardTest", "%s", text); }
-
-GuardMonitor* fakeTimeMonitor() {
-  GuardMonitor::setMonotonicClock(&fakeClock);
-  return GuardMonitor::getSingleton();
-}
+void note(const std::string& text) { __android_log_print(ANDROID_LOG_INFO, "GuardTest", "%s", text.c_str()); }
 
 }  // namespace
 
-TEST(GuardMonitor, LoadTimeSettings) {
-  ChildRun defaults = runScenario("Stop", {{"vendor.camera.debug.intms", "2"},
-                                           {"persist.vendor.camera.debug.apiabortms", "12ms"},
-                                           {"persist.vendor.camera.debug.reqabortms", "0"}});
-  expectPassed(defaults);
-  EXPECT_EQ(countSubstr(defaults.logcat, "Running: func=4500,4500; req=10000,35000; Patrol every 5 ms"), 1u)
-      << defaults.logcat;
-  EXPECT_EQ(countSubstr(defaults.logcat, "Stopped: 0 threads, 0 requests, 0 guards in monitor"), 1u);
-
-  ChildRun custom = runScenario("Stop", {{"vendor.camera.debug.intms", "7"},
-                                         {"persist.vendor.camera.debug.apiabortms", "300"},
-                                         {"persist.vendor.camera.debug.reqabortms", "-4"},
-                                         {"vendor.camera.debug.rwarnms", "250"}});
-  expectPassed(custom);
-  EXPECT_EQ(countSubstr(custom.logcat, "Running: func=4500,300; req=250,35000; Patrol every 7 ms"), 1u)
-      << custom.logcat;
-}
-
-TEST(GuardMonitorChild, Stop) {
-  ZU_CHILD_ONLY();
-  GuardMonitor::getSingleton()->stop();
-}
-
-TEST(GuardMonitor, FunctionGuards) { expectPassed(runScenario("FunctionGuards", fastProps())); }
-
-TEST(GuardMonitorChild, FunctionGuards) {
-  ZU_CHILD_ONLY();
+// Four nested guards (the fourth counted, not watched), then 65 request guards (the
+// last dropped), closes from another thread and its exit. The patrol period is raised
+// to 5 ms; an unparsable or negative timeout falls back to the default.
+TEST(GuardMonitor, RegistryAndFunctionTimeouts) {
+  if (!inChild())
+    return expectPassed(
+        runScenario("RegistryAndFunctionTimeouts", {{"vendor.camera.debug.intms", "2"},
+                                                    {"persist.vendor.camera.debug.apiabortms", "-4"},
+                                                    {"persist.vendor.camera.debug.reqabortms", "12ms"}}),
+        "func=4500,4500; req=10000,35000; Patrol every 5 ms");
   GuardMonitor* gm = fakeTimeMonitor();
   int ids[4] = {};
   gm->registerFuncGuard(
@@ -120,9 +98,9 @@ TEST(GuardMonitorChild, FunctionGuards) {
   ASSERT_TRUE(waitForLog("processRequest executed 150ms(>100ms) TOO LONG M[AlgoFwk-Common:3:frame 7]"));
   ASSERT_TRUE(waitForLog("third executed 150ms(>120ms) TOO LONG M[ZuHAL-Session:1:third]"));
   gm->unregisterFuncGuard(ids[3]);  // logged with the outermost frame's message
-  EXPECT_EQ(countSubstr(logcat(),
-                        "message frame 7, guardId: 0x" + (std::stringstream() << std::hex << ids[3]).str()),
-            1u);
+  char closed[64];
+  snprintf(closed, sizeof closed, "message frame 7, guardId: 0x%x", ids[3]);
+  EXPECT_EQ(countSubstr(logcat(), closed), 1u);
 
   // Overdue: reported on every pass while it stays open, callback first.
   gFakeMs = 250;
@@ -133,50 +111,40 @@ TEST(GuardMonitorChild, FunctionGuards) {
   EXPECT_LT(log.find("callback frame 7"), log.find(timeout));
   EXPECT_GE(countSubstr(log, "callback frame 7"), 2u);
   EXPECT_NE(log.find("printLine()frame 7: "), std::string::npos);  // the process's stacks
-  EXPECT_EQ(countSubstr(log, "fourth executed"), 0u);
-  EXPECT_EQ(countSubstr(log, "warn-wins, executed"), 0u);
-
+  EXPECT_EQ(countSubstr(log, "fourth executed") + countSubstr(log, "warn-wins, executed"), 0u);
   for (int d = 3; d >= 1; --d) gm->unregisterFuncGuard(ids[d - 1]);
+
+  for (unsigned id = 100; id < 165; ++id)
+    gm->registerReqGuard(MODULE_ZUHAL_SESSION, REQUEST_VENDOR, id, 0, nullptr);
+  std::thread([&] {
+    gm->unregisterReqGuard(MODULE_ZUHAL_SESSION, REQUEST_VENDOR, 164);  // was dropped
+    gm->unregisterReqGuard(MODULE_ZUHAL_SESSION, REQUEST_VENDOR, 100);  // closed on another thread
+    gm->unregisterReqGuard(MODULE_ZUHAL_SESSION, REQUEST_APP, 101);     // type differs
+    gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "f", "left open", 0, 0, nullptr, &ids[0]);
+  }).join();
+  gm->registerReqGuard(MODULE_ZUHAL_SESSION, REQUEST_VENDOR, 165, 0, nullptr);
   gm->stop();
-  EXPECT_EQ(countSubstr(logcat(), "Stopped: 1 threads, 0 requests, 0 guards in monitor"), 1u) << logcat();
+  // The exited thread's record is gone; the guard it left open still counts.
+  EXPECT_EQ(countSubstr(logcat(), "Stopped: 1 threads, 64 requests, 65 guards in monitor"), 1u) << logcat();
 }
 
-TEST(GuardMonitor, WarningsAreThrottled) { expectPassed(runScenario("Throttle", fastProps())); }
-
-TEST(GuardMonitorChild, Throttle) {
-  ZU_CHILD_ONLY();
+// Compelled delays of 999, 1500 and 200000 ms; only the oldest request times out; the
+// warnings of three long runners are throttled.
+TEST(GuardMonitor, RequestTimeoutsAndThrottledWarnings) {
+  if (!inChild())
+    return expectPassed(runScenario("RequestTimeoutsAndThrottledWarnings",
+                                    {{"vendor.camera.debug.intms", "6"},
+                                     {"persist.vendor.camera.debug.apiabortms", "300"},
+                                     {"vendor.camera.debug.rwarnms", "200"},
+                                     {"persist.vendor.camera.debug.reqabortms", "300000"}}),
+                        "func=4500,300; req=200,300000; Patrol every 6 ms");
   GuardMonitor* gm = fakeTimeMonitor();
-  int id;
-  // At 1000 ms: remaining 99000 (outer), 49000 (middle), 199000 (inner).
-  gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "outer", "o", 100, 100000, nullptr, &id);
-  gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "middle", "m", 100, 50000, nullptr, &id);
-  gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "inner", "i", 100, 200000, nullptr, &id);
-  gFakeMs = 1000;
-  ASSERT_TRUE(waitForLog("middle executed", 40));
-  gm->stop();  // every pass begun is logged in full
-  std::string log = logcat();
-  size_t passes = countSubstr(log, "middle executed");
-  size_t outer = countSubstr(log, "outer executed");
-  // The middle frame is logged on every pass, the others on every fourth.
-  EXPECT_TRUE(outer == passes / 4 || outer == (passes + 3) / 4) << passes << " passes, " << outer;
-  EXPECT_EQ(countSubstr(log, "inner executed"), outer);
-}
-
-TEST(GuardMonitor, RequestGuards) {
-  expectPassed(runScenario("Requests", fastProps({{"vendor.camera.debug.rwarnms", "200"},
-                                                  {"persist.vendor.camera.debug.reqabortms", "300000"}})));
-}
-
-TEST(GuardMonitorChild, Requests) {
-  ZU_CHILD_ONLY();
-  GuardMonitor* gm = fakeTimeMonitor();
-  auto open = [&](unsigned id, int timeoutMs = 0) {
-    gm->registerReqGuard(MODULE_ZUHAL_SESSION, REQUEST_APP, id, timeoutMs,
-                         [](unsigned int rid) { note(("req callback " + std::to_string(rid)).c_str()); });
+  auto open = [&](unsigned id) {
+    gm->registerReqGuard(MODULE_ZUHAL_SESSION, REQUEST_APP, id, 0,
+                         [](unsigned int rid) { note("req callback " + std::to_string(rid)); });
   };
   auto close = [&](unsigned id) { gm->unregisterReqGuard(MODULE_ZUHAL_SESSION, REQUEST_APP, id); };
-  open(10);
-  open(11);
+  for (unsigned id : {10, 11}) open(id);
   gFakeMs = 999;  // the oldest leaving within a second grants nothing
   close(10);
   ASSERT_TRUE(waitForLog("R AppRequest:11 executed 999 ms(>200) TOO LONG; compelledDelay = 0 ms"));
@@ -185,118 +153,84 @@ TEST(GuardMonitorChild, Requests) {
   close(11);
   gFakeMs = 999 + 1800;
   ASSERT_TRUE(waitForLog("R AppRequest:12 executed 1800 ms(>1700) TOO LONG; compelledDelay = 1500 ms"));
-  open(13);
-  open(14);
-  open(15);
+  for (unsigned id : {13, 14, 15}) open(id);
   gFakeMs = 3000;
   close(14);  // not the oldest: the delay stays
   gFakeMs = 999 + 200000;
   close(12);  // capped
   ASSERT_TRUE(waitForLog("R AppRequest:13 executed 198200 ms(>120200) TOO LONG; compelledDelay = 120000 ms"));
-  // Matched on the id alone.
-  gm->modifyReqGuard(MODULE_ADAPTER_SESSION, REQUEST_VENDOR, 13, 150000);
+  gm->modifyReqGuard(MODULE_ADAPTER_SESSION, REQUEST_VENDOR, 13, 150000);  // matched on the id alone
   gFakeMs = 2799 + 280000;
   ASSERT_TRUE(waitForLog("R AppRequest:13 executed 280000 ms(>270000) TOO LONG"));
 
-  // 15 is past its limit but not the oldest: it waits. A function guard counts passes.
+  // 15 is past its limit but not the oldest: it waits while the runners count passes.
+  // Remaining at 240000 ms: outer 99000, middle 49000, inner 199000.
   gm->modifyReqGuard(MODULE_ZUHAL_SESSION, REQUEST_APP, 13, 500000);
-  int fid;
-  gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "passCounter", "", 1, 300000, nullptr, &fid);
+  int id;
+  gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "outer", "o", 100, 339000, nullptr, &id);
+  gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "middle", "m", 100, 289000, nullptr, &id);
+  gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "inner", "i", 100, 439000, nullptr, &id);
   gFakeMs = 2799 + 520000;
-  ASSERT_TRUE(waitForLog("passCounter executed", 20));
+  ASSERT_TRUE(waitForLog("middle executed", 40));
   EXPECT_EQ(countSubstr(logcat(), "TIMEOUT"), 0u);
-  gm->unregisterFuncGuard(fid);
   close(13);
-  const std::string report = "R AppRequest:15 executed 520000 ms(>420000) TIMEOUT";
   const std::string summary = "TIMEOUT R AppRequest:15 NO EXIT, executed 520000 ms";
   ASSERT_TRUE(waitForLog(summary));
   std::string log = logcat();
-  EXPECT_LT(log.find(report), log.find("req callback 15"));
+  EXPECT_LT(log.find("R AppRequest:15 executed 520000 ms(>420000) TIMEOUT"), log.find("req callback 15"));
   EXPECT_LT(log.find("req callback 15"), log.find(summary));
   EXPECT_EQ(countSubstr(log, "req callback"), 1u);
-  EXPECT_EQ(countSubstr(log, "compelledDelay = 999 ms") + countSubstr(log, "compelledDelay = 200000 ms"), 0u);
   gFakeMs += 3000;  // the next summary shows the monitor has forgotten it
-  ASSERT_TRUE(waitForLog("Monitoring: 1 threads, 0 requests, 1 guards."));
-  close(15);  // finds nothing: the count of open guards stays raised
-  gm->stop();
-  EXPECT_EQ(countSubstr(logcat(), "Stopped: 1 threads, 0 requests, 1 guards in monitor"), 1u) << logcat();
+  ASSERT_TRUE(waitForLog("Monitoring: 1 threads, 0 requests, 4 guards."));
+  close(15);   // finds nothing: the count of open guards stays raised
+  gm->stop();  // every pass begun is logged in full
+  log = logcat();
+  EXPECT_EQ(countSubstr(log, "Stopped: 1 threads, 0 requests, 4 guards in monitor"), 1u) << log;
+  // The middle frame is logged on every pass, the others on every fourth.
+  size_t passes = countSubstr(log, "middle executed"), outer = countSubstr(log, "outer executed");
+  EXPECT_TRUE(outer == passes / 4 || outer == (passes + 3) / 4) << passes << " passes, " << outer;
+  EXPECT_EQ(countSubstr(log, "inner executed"), outer);
 }
 
-TEST(GuardMonitor, CapacityAndThreads) { expectPassed(runScenario("Capacity", fastProps())); }
-
-TEST(GuardMonitorChild, Capacity) {
-  ZU_CHILD_ONLY();
-  GuardMonitor* gm = GuardMonitor::getSingleton();
-  for (unsigned id = 100; id < 165; ++id)
-    gm->registerReqGuard(MODULE_ZUHAL_SESSION, REQUEST_VENDOR, id, 0, nullptr);
-  std::thread([&] {
-    gm->unregisterReqGuard(MODULE_ZUHAL_SESSION, REQUEST_VENDOR, 164);  // was dropped
-    gm->unregisterReqGuard(MODULE_ZUHAL_SESSION, REQUEST_VENDOR, 100);  // closed on another thread
-    gm->unregisterReqGuard(MODULE_ZUHAL_SESSION, REQUEST_APP, 101);     // type differs
-    int id;
-    gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "f", "closed", 0, 0, nullptr, &id);
-    gm->unregisterFuncGuard(id);
-  }).join();
-  std::thread([&] {
-    int id;
-    gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "f", "left open", 0, 0, nullptr, &id);
-  }).join();
-  gm->registerReqGuard(MODULE_ZUHAL_SESSION, REQUEST_VENDOR, 165, 0, nullptr);
-  gm->stop();
-  // Both threads' records are gone; the guard left open still counts.
-  EXPECT_EQ(countSubstr(logcat(), "Stopped: 0 threads, 64 requests, 65 guards in monitor"), 1u) << logcat();
-}
-
+// A stuck function guard and a stuck request; the properties decide which one ends
+// the process, after the offline log is written out.
 TEST(GuardMonitor, TimeoutAborts) {
-  Props offline = {{"persist.vendor.camera.offlinedebug.mask", "1"}, {"vendor.camera.debug.intms", "5"}};
-  ChildRun func = runScenario("Abort", offline);
+  if (inChild()) {
+    ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)->startOfflineLogger();
+    GuardMonitor* gm = GuardMonitor::getSingleton();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the patrol goes idle
+    int id;
+    gm->registerFuncGuard(
+        MODULE_ALGOFWK_COMMON, "capture", "stuck frame", 100, 200, [] { note("callback stuck"); }, &id);
+    gm->registerReqGuard(MODULE_ZUHAL_SESSION, REQUEST_S2V, 7, 0, nullptr);
+    std::this_thread::sleep_for(std::chrono::seconds(20));
+    FAIL() << "not aborted";
+  }
+  ChildRun func = runScenario("TimeoutAborts", {{"persist.vendor.camera.offlinedebug.mask", "1"},
+                                                {"persist.vendor.camera.debug.apiabortenable", "1"}});
   ASSERT_TRUE(func.result.signaled()) << func.result.output;
   EXPECT_EQ(func.result.termSignal(), SIGABRT);
-  size_t callback = func.logcat.find("callback stuck");
-  size_t report = func.logcat.find(" stuck frame, executed ");
   size_t fatal = func.logcat.find("F/Prax-GuardMonitor: [onTimeout] tid:");
   ASSERT_NE(fatal, std::string::npos) << func.logcat;
-  EXPECT_LT(callback, report);
-  EXPECT_LT(report, fatal);
+  EXPECT_LT(func.logcat.find("callback stuck"), func.logcat.find(" stuck frame, executed "));
+  EXPECT_LT(func.logcat.find(" stuck frame, executed "), fatal);
   EXPECT_NE(func.logcat.find(" ms. M[AlgoFwk-Common:3]", fatal), std::string::npos);
-  // The line logged just before the abort reached the offline log's file.
-  EXPECT_GE(countSubstr(func.offline, "stuck frame, executed"), 1u);
+  EXPECT_GE(countSubstr(func.offline, "stuck frame, executed"), 1u);  // logged just before the abort
 
-  offline["persist.vendor.camera.debug.apiabortenable"] = "0";
-  offline["persist.vendor.camera.debug.reqabortenable"] = "1";
-  offline["persist.vendor.camera.debug.reqabortms"] = "100";
-  ChildRun req = runScenario("Abort", offline);
+  ChildRun req = runScenario("TimeoutAborts", {{"persist.vendor.camera.debug.reqabortenable", "1"},
+                                               {"persist.vendor.camera.debug.reqabortms", "100"}});
   EXPECT_EQ(req.result.termSignal(), SIGABRT) << req.result.output;
   EXPECT_NE(req.logcat.find("F/Prax-GuardMonitor: [onTimeout] Req S2VRequest:7 executed "), std::string::npos)
       << req.logcat;
 }
 
-// Opens a stuck function guard and a stuck request; the properties decide which one
-// ends the process.
-TEST(GuardMonitorChild, Abort) {
-  ZU_CHILD_ONLY();
-  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)->startOfflineLogger();
-  GuardMonitor* gm = GuardMonitor::getSingleton();
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the patrol goes idle
-  int id;
-  gm->registerFuncGuard(
-      MODULE_ALGOFWK_COMMON, "capture", "stuck frame", 100, 200, [] { note("callback stuck"); }, &id);
-  gm->registerReqGuard(MODULE_ZUHAL_SESSION, REQUEST_S2V, 7, 0, nullptr);
-  std::this_thread::sleep_for(std::chrono::seconds(20));
-  ADD_FAILURE() << "not aborted";
-}
-
 TEST(GuardMonitor, BadInput) {
-  expectPassed(runScenario("BadInput", fastProps({{"persist.vendor.camera.debug.apiabortms", "100"},
-                                                  {"persist.vendor.camera.debug.reqabortms", "100"},
-                                                  {"vendor.camera.debug.rwarnms", "50"}})));
-}
-
-TEST(GuardMonitorChild, BadInput) {
-  ZU_CHILD_ONLY();
+  if (!inChild())
+    return expectPassed(runScenario("BadInput", {{"persist.vendor.camera.debug.apiabortms", "100"},
+                                                 {"persist.vendor.camera.debug.reqabortms", "100"},
+                                                 {"vendor.camera.debug.rwarnms", "50"}}));
   alarm(120);  // a deadlocked patrol ends the child instead of hanging the suite
   GuardMonitor* gm = GuardMonitor::getSingleton();
-
   std::thread([&] {
     gm->unregisterFuncGuard(0x1234);  // never opened one
     int id;
@@ -321,15 +255,14 @@ TEST(GuardMonitorChild, BadInput) {
     gm->registerFuncGuard(MODULE_ZUHAL_SESSION, "nested", "from callback", 0, 0, nullptr, &id);
     gm->unregisterFuncGuard(id);
   });
-  EXPECT_TRUE(waitForLog("message: (null), guardId"));
-  EXPECT_TRUE(waitForLog("(null) executed ") && waitForLog("TOO LONG M[(null):5:]"));
-  EXPECT_TRUE(waitForLog("callback of (null) threw a non-standard exception"));
-  EXPECT_TRUE(waitForLog("TIMEOUT tid=" + std::to_string(gettid()) + " , executed "));
+  const std::string tid = std::to_string(gettid());
+  for (const std::string& line : std::vector<std::string>{
+           "message: (null), guardId", "(null) executed ", "TOO LONG M[(null):5:]",
+           "callback of (null) threw a non-standard exception", "TIMEOUT tid=" + tid + " , executed "})
+    EXPECT_TRUE(waitForLog(line)) << line;
   gm->unregisterFuncGuard(fid);
-  EXPECT_TRUE(waitForLog("R (null):77 executed "));
-  EXPECT_TRUE(waitForLog("TIMEOUT R (null):77 NO EXIT, executed "));
-  EXPECT_TRUE(waitForLog("callback of R (null):77 NO EXIT threw: boom"));
-  EXPECT_TRUE(waitForLog("TIMEOUT R AppRequest:79 NO EXIT"));
-  gm->stop();
-  EXPECT_EQ(countSubstr(logcat(), "Stopped: "), 1u);
+  for (const char* line : {"R (null):77 executed ", "TIMEOUT R (null):77 NO EXIT, executed ",
+                           "callback of R (null):77 NO EXIT threw: boom", "TIMEOUT R AppRequest:79 NO EXIT"})
+    EXPECT_TRUE(waitForLog(line)) << line;
+  gm->stop();  // the patrol is still alive to be joined
 }
