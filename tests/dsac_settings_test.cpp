@@ -1,11 +1,10 @@
 // The DSAC tunable table and the DSAC settings reader: every row read back, the
-// sorting of file members into typed maps, and the reader's behaviour on bad files.
+// sorting of members into typed maps, and the reader's behaviour on bad files.
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <cstring>
-#include <map>
+#include <iostream>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,142 +12,78 @@
 #include "TestSupport.h"
 
 using zudebug::PraxDsacSettings;
-using zutest::inChild;
-using zutest::TempRoot;
 
 namespace {
 
-const char* const kDsacFile = "odm/etc/camera/zorvex/DSACSettings.json";
+// The tunables as the camera's storage pipeline documents them: name, property, type,
+// default. "P." and "D." stand for the product and debug property prefixes, "P=" and
+// "D=" for the prefix followed by the name itself.
+const char* const kRows = R"(
+enableDSACMoudle P= BOOL false  enableDSACDebug P= BOOL false  enableTuningMeta P= BOOL false
+forceEnableDSACStorage D.forcestorage BOOL false  enableGalleryComplete D= BOOL false  HDRSRMask P= UINT32 0
+enableMomoryStorage D= BOOL false  noProcessWhenPreview D= BOOL false  forceLoadTimeout D= UINT32 30000
+UsePropPriority D= BOOL false  MFNRMask P.mfnrmask UINT32 0  HDRMask P.hdrmask UINT32 0
+SRMask P.srrmask UINT32 0  AINRZSLMask P.ainrzslmask UINT32 0  HDSRMask P.hdsrmask UINT32 0
+SEMask P.semask UINT32 0  SNSCZSLMask P.snsczslmask UINT32 0  AIOAINRMask P.aioainrmask UINT32 0
+HDRBokehMask P.hdrbokehmask UINT32 0  MFNRBokehMask P.mfnrbokehmask UINT32 0  HDRBeautyMask P= UINT32 0
+SEBokehMask P.sebokehmask UINT32 0  SRBokehMask P.srbokehmask UINT32 0  UltraRawMask P.ultrarawmask UINT32 0
+HDSRBokehMask P.hdsrbokehmask UINT32 0  SNSCBokehMask P.snscbokehmask UINT32 0  SRBeautyMask P= UINT32 0
+HDUltraRawMask P.hdultrarawmask UINT32 0  MfnrBokehMultiNumber P.mfnrbokeh.multinumber UINT32 0
+HDRSRBeautyMask P= UINT32 0  MFNRBokehBeautyMask P= UINT32 0  HDRBokehBeautyMask P= UINT32 0
+enableLoadMeta P.enableloadmeta BOOL false  enableDumpMeta P.enabledumpmeta BOOL false
+enableRealStreamBuffer P= BOOL false  previewListenCnt P.frameReuse.previewListenCnt UINT32 30
+SDCardWriteType P= UINT32 2  MaxStorageNum P= UINT32 50  MaxStorageNumForSDSR P= UINT32 0
+MinStorageThreshold P.minstorage.threshold UINT32 45  MaxStorageNumForHDUltraRaw P= UINT32 0
+MinUfsSpeed P= UINT32 40  WbAvailBufEmptyThMap P= STRING 256:5;512:1;1024:1  numStorageThread P= UINT32 0
+WbAvailBufFile P= STRING /sys/devices/platform/soc/112b0000.ufshci/attributes/wb_avail_buf
+UfsCapacityFile P= STRING /proc/mv  BufferStoragerLimitCnt P= UINT32 8  PSICheckerInterval P= UINT32 5000
+PSIMonitorDelayTime P= UINT32 5000  HighTempDelayTime P= UINT32 15000  NormalTempDelayTime P= UINT32 5000
+DelayTimeThermalLevel P= UINT32 1  memoryPoolMaxBufferSize P= UINT32 0
+)";
 
-struct Row {
-  const char* name;
-  const char* property;
-  const char* type;
-  const char* def;
-};
-
-#define P "persist.vendor.camera.dsac."
-#define D "persist.vendor.camera.debug.dsac."
-// The tunables as the camera's storage pipeline documents them.
-const Row kRows[] = {
-    {"enableDSACMoudle", P "enableDSACMoudle", "BOOL", "false"},
-    {"enableDSACDebug", P "enableDSACDebug", "BOOL", "false"},
-    {"enableTuningMeta", P "enableTuningMeta", "BOOL", "false"},
-    {"forceEnableDSACStorage", D "forcestorage", "BOOL", "false"},
-    {"enableGalleryComplete", D "enableGalleryComplete", "BOOL", "false"},
-    {"enableMomoryStorage", D "enableMomoryStorage", "BOOL", "false"},
-    {"noProcessWhenPreview", D "noProcessWhenPreview", "BOOL", "false"},
-    {"forceLoadTimeout", D "forceLoadTimeout", "UINT32", "30000"},
-    {"UsePropPriority", D "UsePropPriority", "BOOL", "false"},
-    {"MFNRMask", P "mfnrmask", "UINT32", "0"},
-    {"HDRMask", P "hdrmask", "UINT32", "0"},
-    {"SRMask", P "srrmask", "UINT32", "0"},
-    {"HDRSRMask", P "HDRSRMask", "UINT32", "0"},
-    {"AINRZSLMask", P "ainrzslmask", "UINT32", "0"},
-    {"HDSRMask", P "hdsrmask", "UINT32", "0"},
-    {"SEMask", P "semask", "UINT32", "0"},
-    {"SNSCZSLMask", P "snsczslmask", "UINT32", "0"},
-    {"AIOAINRMask", P "aioainrmask", "UINT32", "0"},
-    {"HDRBokehMask", P "hdrbokehmask", "UINT32", "0"},
-    {"MFNRBokehMask", P "mfnrbokehmask", "UINT32", "0"},
-    {"SEBokehMask", P "sebokehmask", "UINT32", "0"},
-    {"SRBokehMask", P "srbokehmask", "UINT32", "0"},
-    {"HDSRBokehMask", P "hdsrbokehmask", "UINT32", "0"},
-    {"SNSCBokehMask", P "snscbokehmask", "UINT32", "0"},
-    {"UltraRawMask", P "ultrarawmask", "UINT32", "0"},
-    {"HDUltraRawMask", P "hdultrarawmask", "UINT32", "0"},
-    {"MfnrBokehMultiNumber", P "mfnrbokeh.multinumber", "UINT32", "0"},
-    {"HDRBeautyMask", P "HDRBeautyMask", "UINT32", "0"},
-    {"SRBeautyMask", P "SRBeautyMask", "UINT32", "0"},
-    {"HDRSRBeautyMask", P "HDRSRBeautyMask", "UINT32", "0"},
-    {"MFNRBokehBeautyMask", P "MFNRBokehBeautyMask", "UINT32", "0"},
-    {"HDRBokehBeautyMask", P "HDRBokehBeautyMask", "UINT32", "0"},
-    {"enableLoadMeta", P "enableloadmeta", "BOOL", "false"},
-    {"enableDumpMeta", P "enabledumpmeta", "BOOL", "false"},
-    {"enableRealStreamBuffer", P "enableRealStreamBuffer", "BOOL", "false"},
-    {"previewListenCnt", P "frameReuse.previewListenCnt", "UINT32", "30"},
-    {"SDCardWriteType", P "SDCardWriteType", "UINT32", "2"},
-    {"MaxStorageNum", P "MaxStorageNum", "UINT32", "50"},
-    {"MinStorageThreshold", P "minstorage.threshold", "UINT32", "45"},
-    {"MaxStorageNumForSDSR", P "MaxStorageNumForSDSR", "UINT32", "0"},
-    {"MaxStorageNumForHDUltraRaw", P "MaxStorageNumForHDUltraRaw", "UINT32", "0"},
-    {"MinUfsSpeed", P "MinUfsSpeed", "UINT32", "40"},
-    {"WbAvailBufEmptyThMap", P "WbAvailBufEmptyThMap", "STRING", "256:5;512:1;1024:1"},
-    {"WbAvailBufFile", P "WbAvailBufFile", "STRING",
-     "/sys/devices/platform/soc/112b0000.ufshci/attributes/wb_avail_buf"},
-    {"UfsCapacityFile", P "UfsCapacityFile", "STRING", "/proc/mv"},
-    {"BufferStoragerLimitCnt", P "BufferStoragerLimitCnt", "UINT32", "8"},
-    {"PSICheckerInterval", P "PSICheckerInterval", "UINT32", "5000"},
-    {"PSIMonitorDelayTime", P "PSIMonitorDelayTime", "UINT32", "5000"},
-    {"HighTempDelayTime", P "HighTempDelayTime", "UINT32", "15000"},
-    {"NormalTempDelayTime", P "NormalTempDelayTime", "UINT32", "5000"},
-    {"DelayTimeThermalLevel", P "DelayTimeThermalLevel", "UINT32", "1"},
-    {"memoryPoolMaxBufferSize", P "memoryPoolMaxBufferSize", "UINT32", "0"},
-    {"numStorageThread", P "numStorageThread", "UINT32", "0"},
-};
-#undef P
-#undef D
-
-// Console lines of the reader in the child's log: "<sev>/PraxDsacSettins: [HAL ] PropertyControll.cpp:<n>
-// PraxDsacSettings()<text>", returned as "<sev> <text>".
-std::vector<std::string> readerLines(const TempRoot& root) {
-  static const std::regex re(
-      "^([EWID])/PraxDsacSettins: \\[HAL \\] PropertyControll\\.cpp:[0-9]+ PraxDsacSettings\\(\\)(.*)$");
-  std::vector<std::string> out;
-  for (const auto& line : zutest::readLines(root.logcatFile())) {
-    std::smatch m;
-    if (std::regex_match(line, m, re)) out.push_back(m[1].str() + " " + m[2].str());
-  }
-  return out;
+template <typename Map>
+std::string items(const char* kind, const Map& map) {
+  std::ostringstream o;
+  for (const auto& kv : map) o << kind << kv.first << "=" << kv.second << " ";
+  return o.str();
 }
 
-// Runs DsacFile.<test> in a child with `file` as the DSAC settings file (nullptr: no
-// file, "/": a directory in its place) and returns the reader's log lines.
-std::vector<std::string> runReaderChild(const char* test, const char* file) {
-  TempRoot root;
-  root.setProps({{"persist.vendor.camera.prax.loglevel", "0"}});
-  if (file != nullptr)
-    root.writeFile(std::string(kDsacFile) + (strcmp(file, "/") == 0 ? "/inner" : ""), file);
-  auto r = zutest::runChild(std::string("DsacFile.") + test, root);
-  EXPECT_EQ(r.exitCode(), 0) << r.output;
-  return readerLines(root);
-}
-
-void expectEmpty(const PraxDsacSettings& s) {
-  EXPECT_TRUE(s.getBoolMap().empty());
-  EXPECT_TRUE(s.getIntMap().empty());
-  EXPECT_TRUE(s.getUint32Map().empty());
-  EXPECT_TRUE(s.getUint64Map().empty());
-  EXPECT_TRUE(s.getStringMap().empty());
-  EXPECT_TRUE(s.usePropPriority());
+// The maps in order, then the flag: "b:<bool> i:<int> u:<uint32> U:<uint64> s:<string> prio=<0|1>".
+std::string describe(const PraxDsacSettings& s) {
+  return items("b:", s.getBoolMap()) + items("i:", s.getIntMap()) + items("u:", s.getUint32Map()) +
+         items("U:", s.getUint64Map()) + items("s:", s.getStringMap()) +
+         "prio=" + (s.usePropPriority() ? "1" : "0");
 }
 
 }  // namespace
 
 TEST(PropertyTable, EveryRowReadsBack) {
-  ASSERT_EQ(sizeof(kRows) / sizeof(kRows[0]), 53u);
   PraxDsacSettings* s = PraxDsacSettings::getInstance();
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(s->getPropName(row.name, zudebug::PROP_NAME_INDEX), row.property);
-    EXPECT_EQ(s->getPropName(row.name, zudebug::DEFAULT_VALUE_INDEX), row.def);
-    EXPECT_EQ(s->getPropName(row.name, zudebug::TYPE_INDEX), row.type);
+  std::istringstream in(kRows);
+  std::string name, prop, type, def;
+  int rows = 0;
+  while (in >> name >> prop >> type >> def) {
+    ++rows;
+    prop = (prop[0] == 'D' ? "persist.vendor.camera.debug.dsac." : "persist.vendor.camera.dsac.") +
+           (prop[1] == '=' ? name : prop.substr(2));
+    EXPECT_EQ(s->getPropName(name, zudebug::PROP_NAME_INDEX), prop) << name;
+    EXPECT_EQ(s->getPropName(name, zudebug::DEFAULT_VALUE_INDEX), def) << name;
+    EXPECT_EQ(s->getPropName(name, zudebug::TYPE_INDEX), type) << name;
   }
-}
-
-TEST(PropertyTable, UnknownNamesAndIndices) {
-  PraxDsacSettings* s = PraxDsacSettings::getInstance();
-  for (const char* name : {"srmask", "SRMASK", "SRMask ", "", "fooBar", "enableDSACModule",
-                           "persist.vendor.camera.dsac.srrmask"})
-    EXPECT_EQ(s->getPropName(name, zudebug::PROP_NAME_INDEX), "") << name;
-  EXPECT_EQ(s->getPropName("SRMask", static_cast<zudebug::mapindex>(3)), "");
-  EXPECT_EQ(s->getPropName("SRMask", static_cast<zudebug::mapindex>(-1)), "");
+  EXPECT_EQ(rows, 53);
+  // Exact, case-sensitive names; indices out of range find nothing either.
+  for (const char* unknown : {"srmask", "SRMASK", "SRMask ", "", "fooBar", "enableDSACModule",
+                              "persist.vendor.camera.dsac.srrmask"})
+    EXPECT_EQ(s->getPropName(unknown, zudebug::PROP_NAME_INDEX), "") << unknown;
+  for (int index : {3, -1}) EXPECT_EQ(s->getPropName("SRMask", static_cast<zudebug::mapindex>(index)), "");
 }
 
 // Every JSON value type under a table name and an unknown name, the 32-bit bounds,
-// and later members overwriting earlier ones.
-TEST(DsacSort, TypedMaps) {
-  auto s = PraxDsacSettings::fromText(R"({
+// later members overwriting earlier ones; the flag, which only a literal true keeps
+// on once present; texts that are no JSON object (a NUL ends the text).
+TEST(DsacSort, TypedMapsFlagAndBadTexts) {
+  const std::pair<std::string, std::string> cases[] = {
+      {R"({
     "MaxStorageNum": 60, "fooBar": 7, "enableDSACMoudle": 1, "WbAvailBufFile": 5,
     "enableTuningMeta": true, "fooFlag": false, "enableDSACDebug": "true", "fooText": "x",
     "HighTempDelayTime": 1.5, "MaxStorageNumForSDSR": 5.0, "MinUfsSpeed": 3000000000,
@@ -156,83 +91,64 @@ TEST(DsacSort, TypedMaps) {
     "numStorageThread": -2147483648, "HDRMask": -2147483649, "SEMask": 123456789012345678901234567890,
     "forceLoadTimeout": null, "fooNull": null, "MFNRMask": [1], "fooArr": [], "HDSRMask": {"a": 1}, "fooObj": {},
     "SDCardWriteType": 1, "SDCardWriteType": 3, "MaxStorageNum": 3000000000, "fooText": "y",
-    "BufferStoragerLimitCnt": 8, "BufferStoragerLimitCnt": "nine"
-  })");
-  EXPECT_EQ(s->getBoolMap(), (std::map<std::string, bool>{{"enableTuningMeta", true}, {"fooFlag", false}}));
-  EXPECT_EQ(s->getIntMap(), (std::map<std::string, int32_t>{{"enableDSACMoudle", 1}, {"WbAvailBufFile", 5}}));
-  EXPECT_EQ(s->getUint32Map(), (std::map<std::string, uint32_t>{{"MaxStorageNum", 60},
-                                                                {"previewListenCnt", 2147483647u},
-                                                                {"SRMask", 4294967295u},
-                                                                {"numStorageThread", 2147483648u},
-                                                                {"SDCardWriteType", 3},
-                                                                {"BufferStoragerLimitCnt", 8}}));
-  EXPECT_TRUE(s->getUint64Map().empty());
-  EXPECT_EQ(s->getStringMap(),
-            (std::map<std::string, std::string>{
-                {"enableDSACDebug", "true"}, {"fooText", "y"}, {"BufferStoragerLimitCnt", "nine"}}));
-  EXPECT_TRUE(s->usePropPriority());
-}
-
-TEST(DsacSort, PropertyPriorityFlag) {
-  EXPECT_TRUE(PraxDsacSettings::fromText(R"({"MaxStorageNum": 1})")->usePropPriority());
-  EXPECT_TRUE(PraxDsacSettings::fromText(R"({"UsePropPriority": true})")->usePropPriority());
-  EXPECT_TRUE(PraxDsacSettings::fromText("{}")->usePropPriority());
-  for (const char* text : {R"({"UsePropPriority": false})", R"({"UsePropPriority": 1})",
-                           R"({"UsePropPriority": "true"})", R"({"UsePropPriority": null})"})
-    EXPECT_FALSE(PraxDsacSettings::fromText(text)->usePropPriority()) << text;
-  // The flag is a tunable like the others and is sorted too.
-  auto s = PraxDsacSettings::fromText(R"({"UsePropPriority": 1})");
-  EXPECT_EQ(s->getIntMap().at("UsePropPriority"), 1);
-}
-
-TEST(DsacSort, BadTextsLeaveEmptyMaps) {
-  for (const char* text : {"", "not json", "[1, 2]", "42", "\"text\"", "null", "{\"a\": 1,}", "{\"a\": 1} x",
-                           "{\"MaxStorageNum\": 60", "\xff\xfe{", "{/*c*/}"}) {
-    SCOPED_TRACE(text);
-    expectEmpty(*PraxDsacSettings::fromText(text));
-  }
-  // A NUL ends the text.
-  expectEmpty(*PraxDsacSettings::fromText(std::string("{\"SEMask\": 1", 12) + std::string(1, '\0') + "}"));
-}
-
-// The file is read at the first getInstance() only: each file gets its own process.
-TEST(DsacFile, BadFilesLeaveEmptyMaps) {
-  if (inChild()) return expectEmpty(*PraxDsacSettings::getInstance());
-  const std::pair<const char*, const char*> cases[] = {
-      {nullptr, "W open failed! file: /odm/etc/camera/zorvex/DSACSettings.json"},
-      {"{\"MaxStorageNum\": }", "W parse error: (3:18)Invalid value."},
-      {"", "W parse error: (1:0)The document is empty."},
-      {"/", "W parse error: (1:0)The document is empty."},  // a directory reads as nothing
-      {"[{\"MaxStorageNum\": 60}]", "W should be an object!"},
+    "BufferStoragerLimitCnt": 8, "BufferStoragerLimitCnt": "nine"})",
+       "b:enableTuningMeta=1 b:fooFlag=0 i:WbAvailBufFile=5 i:enableDSACMoudle=1 u:BufferStoragerLimitCnt=8 "
+       "u:MaxStorageNum=60 u:SDCardWriteType=3 u:SRMask=4294967295 u:numStorageThread=2147483648 "
+       "u:previewListenCnt=2147483647 s:BufferStoragerLimitCnt=nine s:enableDSACDebug=true s:fooText=y "
+       "prio=1"},
+      {R"({"UsePropPriority": true})", "b:UsePropPriority=1 prio=1"},
+      {"{}", "prio=1"},
+      {R"({"UsePropPriority": false})", "b:UsePropPriority=0 prio=0"},
+      {R"({"UsePropPriority": 1})", "i:UsePropPriority=1 prio=0"},
+      {R"({"UsePropPriority": "true"})", "s:UsePropPriority=true prio=0"},
+      {R"({"UsePropPriority": null})", "prio=0"},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(runReaderChild("BadFilesLeaveEmptyMaps", c.first), std::vector<std::string>{c.second})
-        << (c.first ? c.first : "(none)");
+  for (const auto& c : cases) EXPECT_EQ(describe(*PraxDsacSettings::fromText(c.first)), c.second) << c.first;
+  for (const std::string text : {"", "not json", "[1, 2]", "42", "\"text\"", "null", "{\"a\": 1,}",
+                                 "{\"a\": 1} x", "{\"MaxStorageNum\": 60", "\xff\xfe{", "{/*c*/}"})
+    EXPECT_EQ(describe(*PraxDsacSettings::fromText(text)), "prio=1") << text;
+  EXPECT_EQ(describe(*PraxDsacSettings::fromText(std::string("{\"SEMask\": 1\0}", 14))), "prio=1");
 }
 
-TEST(DsacFile, MembersSortedAndLogged) {
-  if (inChild()) {
+// The file is read at the first getInstance() only: each file gets its own process,
+// whose reader lines ("<severity> <text>") and maps are compared.
+TEST(DsacFile, ReadOnceAtFirstUse) {
+  if (zutest::inChild()) {
     PraxDsacSettings* s = PraxDsacSettings::getInstance();
-    EXPECT_FALSE(s->usePropPriority());
-    EXPECT_EQ(s->getBoolMap(), (std::map<std::string, bool>{{"UsePropPriority", false}}));
-    EXPECT_EQ(s->getUint32Map(), (std::map<std::string, uint32_t>{{"MaxStorageNum", 60}}));
-    EXPECT_EQ(s->getStringMap(), (std::map<std::string, std::string>{{"UfsCapacityFile", "/proc/ufs"}}));
-    EXPECT_TRUE(s->getIntMap().empty());
     EXPECT_EQ(PraxDsacSettings::getInstance(), s);
+    std::cout << "maps: " << describe(*s) << "\n";
     return;
   }
-  EXPECT_EQ(runReaderChild("MembersSortedAndLogged",
-                           R"({"UsePropPriority": false, "MaxStorageNum": 60, "fooBar": 7,
-                               "UfsCapacityFile": "/proc/ufs", "HighTempDelayTime": 1.5, "fooNull": null})"),
-            (std::vector<std::string>{
-                "D [DSACSettings]parse json object name:UsePropPriority",
-                "D [DSACSettings]insert bool map:UsePropPriority",
-                "D [DSACSettings]parse json object name:MaxStorageNum",
-                "D [DSACSettings]insert int map:MaxStorageNum",
-                "D [DSACSettings]parse json object name:fooBar",
-                "D [DSACSettings]parse json object name:UfsCapacityFile",
-                "D [DSACSettings]insert string map:UfsCapacityFile",
-                "D [DSACSettings]parse json object name:HighTempDelayTime",
-                "D [DSACSettings]parse json object name:fooNull",
-            }));
+  const std::string parsed = "D [DSACSettings]parse json object name:", insert = "D [DSACSettings]insert ";
+  const std::pair<const char*, std::vector<std::string>> cases[] = {
+      {nullptr, {"W open failed! file: /odm/etc/camera/zorvex/DSACSettings.json", "maps: prio=1"}},
+      {"{\"MaxStorageNum\": }", {"W parse error: (3:18)Invalid value.", "maps: prio=1"}},
+      {"", {"W parse error: (1:0)The document is empty.", "maps: prio=1"}},
+      {"/", {"W parse error: (1:0)The document is empty.", "maps: prio=1"}},  // a directory reads as nothing
+      {"[{\"MaxStorageNum\": 60}]", {"W should be an object!", "maps: prio=1"}},
+      {R"({"UsePropPriority": false, "MaxStorageNum": 60, "fooBar": 7, "UfsCapacityFile": "/proc/ufs",
+           "HighTempDelayTime": 1.5, "fooNull": null})",
+       {parsed + "UsePropPriority", insert + "bool map:UsePropPriority", parsed + "MaxStorageNum",
+        insert + "int map:MaxStorageNum", parsed + "fooBar", parsed + "UfsCapacityFile",
+        insert + "string map:UfsCapacityFile", parsed + "HighTempDelayTime", parsed + "fooNull",
+        "maps: b:UsePropPriority=0 u:MaxStorageNum=60 s:UfsCapacityFile=/proc/ufs prio=0"}},
+  };
+  static const std::regex re(
+      "^([EWID])/PraxDsacSettins: \\[HAL \\] PropertyControll\\.cpp:[0-9]+ PraxDsacSettings\\(\\)(.*)$");
+  for (const auto& c : cases) {
+    zutest::TempRoot root;
+    root.setProps({{"persist.vendor.camera.prax.loglevel", "0"}});
+    const std::string path = "odm/etc/camera/zorvex/DSACSettings.json";
+    if (c.first != nullptr) root.writeFile(std::string(c.first) == "/" ? path + "/inner" : path, c.first);
+    auto r = zutest::runChild("DsacFile.ReadOnceAtFirstUse", root);
+    EXPECT_EQ(r.exitCode(), 0) << r.output;
+    std::vector<std::string> seen;
+    std::smatch m;
+    for (const auto& line : zutest::readLines(root.logcatFile()))
+      if (std::regex_match(line, m, re)) seen.push_back(m[1].str() + " " + m[2].str());
+    std::istringstream out(r.output);
+    for (std::string line; std::getline(out, line);)
+      if (line.rfind("maps: ", 0) == 0) seen.push_back(line);
+    EXPECT_EQ(seen, c.second) << (c.first ? c.first : "(none)");
+  }
 }
