@@ -29,7 +29,8 @@ for fuzzer in build/fuzz/tests/fuzz/*_fuzz; do
   seeds="tests/fuzz/seeds/$name"
   [ -d "$seeds" ] || seeds=""
   echo "-- $name"
-  ZUDEBUG_LOGCAT=/dev/null "$fuzzer" -max_total_time="${ZUDEBUG_FUZZ_SECONDS:-60}" -max_len=65536 \
+  ZUDEBUG_LOGCAT=/dev/null UBSAN_OPTIONS="suppressions=$PWD/tests/fuzz/ubsan.supp:print_stacktrace=1" \
+    "$fuzzer" -max_total_time="${ZUDEBUG_FUZZ_SECONDS:-60}" -max_len=65536 \
     -timeout=10 -rss_limit_mb=4096 "$corpus" $seeds
 done
 echo "== all tests passed =="
