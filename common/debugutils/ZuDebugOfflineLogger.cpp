@@ -583,30 +583,33 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool for
   }
 }
 
-std::string ZuDegbugOfflineLogger::getPrefixFilename() {
+namespace {
+
+// Local date and time of now with the microseconds of the time of day in the last field;
+// empty when the local-time conversion fails. `fmt` takes year, month, day, hour, minute,
+// second and the microseconds.
+std::string timeOfDayStamp(const char* fmt) {
   struct timeval tv;
   gettimeofday(&tv, nullptr);
   struct tm tm;
   char stamp[50] = "";
   if (localtime_r(&tv.tv_sec, &tm) != nullptr) {
-    snprintf(stamp, sizeof(stamp), "%2d-%02d-%02d--%02d-%02d-%02d-%03ld", tm.tm_year + 1900, tm.tm_mon + 1,
-             tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<long>(tv.tv_usec));
+    snprintf(stamp, sizeof(stamp), fmt, tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min,
+             tm.tm_sec, static_cast<long>(tv.tv_usec));
   }
-  std::string name = std::string(kLogDir) + "/ZuCam_" + mTypeName + "_" + stamp;
-  mCurrentFileName = name;
-  return name;
+  return stamp;
+}
+
+}  // namespace
+
+std::string ZuDegbugOfflineLogger::getPrefixFilename() {
+  mCurrentFileName = std::string(kLogDir) + "/ZuCam_" + mTypeName + "_" +
+                     timeOfDayStamp("%2d-%02d-%02d--%02d-%02d-%02d-%03ld");
+  return mCurrentFileName;
 }
 
 std::string ZuDegbugOfflineLogger::getCurrentTime() {
-  struct timeval tv;
-  gettimeofday(&tv, nullptr);
-  struct tm tm;
-  char stamp[50] = "";
-  if (localtime_r(&tv.tv_sec, &tm) != nullptr) {
-    snprintf(stamp, sizeof(stamp), "%2d-%02d-%02d--%02d-%02d-%02d-%09ld", tm.tm_year + 1900, tm.tm_mon + 1,
-             tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<long>(tv.tv_usec));
-  }
-  return stamp;
+  return timeOfDayStamp("%2d-%02d-%02d--%02d-%02d-%02d-%09ld");
 }
 
 bool ZuDegbugOfflineLogger::queryAvailableSpace(const char* path, float* mib) {

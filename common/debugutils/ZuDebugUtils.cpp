@@ -205,6 +205,16 @@ size_t formatStamp(char* buf, const char* level) {
 
 // Appends the caller's message behind `used` bytes and finishes the line: returns n,
 // the text length before the "\n" (at most 1021).
+// "tag label " behind the time stamp; both forms of the line start so.
+LineCursor groupOrigin(char* buf, size_t stampLen, const char* tag, const char* label) {
+  LineCursor origin{buf, stampLen};
+  origin.put(tag);
+  origin.put(" ", 1);
+  origin.put(label);
+  origin.put(" ", 1);
+  return origin;
+}
+
 size_t finishLine(char* buf, size_t used, const char* fmt, va_list ap) {
   long r = 0;
   if (fmt != nullptr) {
@@ -261,11 +271,7 @@ void Log::logSystem(unsigned int group, const char* level, const char* file, con
   const size_t p = formatStamp(buf, level);
   const char* tag = zuaGroupToTag(group);
   const char* label = zuaGroupToString(group);
-  LineCursor origin{buf, p};
-  origin.put(tag);
-  origin.put(" ", 1);
-  origin.put(label);
-  origin.put(" ", 1);
+  LineCursor origin = groupOrigin(buf, p, tag, label);
   origin.put(orEmpty(file));
   origin.put(":", 1);
   origin.putInt(line);
@@ -297,11 +303,7 @@ void Log::logSystem(unsigned int group, const char* level, const char* fmt, ...)
   const size_t p = formatStamp(buf, level);
   const char* tag = zuaGroupToTag(group);
   const char* label = zuaGroupToString(group);
-  LineCursor origin{buf, p};
-  origin.put(tag);
-  origin.put(" ", 1);
-  origin.put(label);
-  origin.put(" ", 1);
+  LineCursor origin = groupOrigin(buf, p, tag, label);
   origin.terminate();
   va_list ap;
   va_start(ap, fmt);
