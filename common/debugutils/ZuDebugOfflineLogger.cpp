@@ -1,5 +1,6 @@
 #include "ZuDebugOfflineLogger.h"
 
+#include <cutils/properties.h>
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -13,13 +14,13 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <functional>
-#include <queue>
 #include <thread>
 #include <zudebug_platform/fs.h>
 
 #include "ZuDebugUtils.h"
+#include "ZuOfflinePool.h"
 
 namespace zudebug {
 
@@ -27,12 +28,11 @@ namespace zudebug {
 
 namespace {
 
-constexpr uint32_t kBlockSize = 1048576;       // one queue
-constexpr uint32_t kVolumeLimit = 10485760;    // bytes a thread writes before it hands over
-constexpr uint32_t kFileSizeLimit = 10485760;  // a file is closed once it passes 10 MiB
-constexpr int kBlocksPerGrowth = 16;           // the pool grows 16 MiB at a time
-constexpr uint32_t kFlushThreshold = 8;        // queues waiting before a normal flush writes
-constexpr float kMinFreeMiB = 3000.0f;         // below this the logger does not start
+constexpr uint32_t kBlockSize = pool::kBlockSize;  // one queue
+constexpr uint32_t kVolumeLimit = 10485760;        // bytes a thread writes before it hands over
+constexpr uint32_t kFileSizeLimit = 10485760;      // a file is closed once it passes 10 MiB
+constexpr uint32_t kFlushThreshold = 8;            // queues waiting before a normal flush writes
+constexpr float kMinFreeMiB = 3000.0f;             // below this the logger does not start
 constexpr const char* kLogDir = "/data/vendor/camera/offlinelog";
 constexpr const char* kNoSpaceText = "OfflineLogger detect file system has no space left";
 
@@ -55,8 +55,8 @@ struct threadLocalInfo {
   uint32_t session;
   uint32_t bytesSinceReset;
   uint32_t offset;
-  uint32_t generation;
   PerLogThreadInfo* record;  // the record of the current queue
+  pool::BlockDesc* desc;     // the durable counters of the current block
   uint32_t epoch;            // record epoch the record belongs to
   bool inAppend;             // an append of this thread is under way
 };
@@ -116,6 +116,43 @@ bool writeAll(int fd, const uint8_t* data, size_t len) {
     len -= static_cast<size_t>(w);
   }
   return true;
+}
+
+// Creates a device directory and its parents; shared with every camera process.
+void makeDeviceDirs(const std::string& deviceDir) {
+  ResolvedPath path(deviceDir.c_str());
+  std::string p = path.str;
+  for (size_t pos = 1; pos != std::string::npos;) {
+    pos = p.find('/', pos + 1);
+    const std::string part = p.substr(0, pos);
+    if (mkdir(part.c_str(), 0777) == 0) chmod(part.c_str(), 0777);
+  }
+}
+
+// The time a log file's name stands for, in microseconds of the epoch, for
+// "ZuCam_<type>_YYYY-MM-DD--hh-mm-ss-<microseconds>.<ext>"; other names (the
+// error-message and error-information files) stand for their last change.
+int64_t nameTime(const std::string& dir, const std::string& name, const std::string& typeName) {
+  const std::string prefix = "ZuCam_" + typeName + "_";
+  if (name.compare(0, prefix.size(), prefix) == 0) {
+    struct tm tm;
+    memset(&tm, 0, sizeof(tm));
+    long usec = 0;
+    int used = 0;
+    if (sscanf(name.c_str() + prefix.size(), "%d-%d-%d--%d-%d-%d-%ld%n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
+               &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &usec, &used) == 7 &&
+        used > 0 && name[prefix.size() + static_cast<size_t>(used)] == '.') {
+      tm.tm_year -= 1900;
+      tm.tm_mon -= 1;
+      tm.tm_isdst = -1;
+      const time_t t = mktime(&tm);
+      if (t != static_cast<time_t>(-1)) return static_cast<int64_t>(t) * 1000000 + usec;
+    }
+  }
+  ResolvedPath path((dir + "/" + name).c_str());
+  struct stat st;
+  if (stat(path.str, &st) != 0) return 0;
+  return static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000 + st.st_mtim.tv_nsec / 1000;
 }
 
 }  // namespace
@@ -204,24 +241,64 @@ ZuDegbugOfflineLogger* ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType ty
 ZuDegbugOfflineLogger::ZuDegbugOfflineLogger(ZuOfflineLoggerType type)
     : mZuOfflineLoggerType(type), mTypeName(type == ZuOfflineLoggerType::Debug ? "Debug" : "Binary") {}
 
-ZuDegbugOfflineLogger::~ZuDegbugOfflineLogger() {
-  for (uint8_t* block : mMemoryLogPool) free(block);
-}
+ZuDegbugOfflineLogger::~ZuDegbugOfflineLogger() = default;
 
 // ---- queues ----
 
+std::string ZuDegbugOfflineLogger::poolDirectory() const {
+  char dir[PROPERTY_VALUE_MAX];
+  property_get(pool::kPoolDirProperty, dir, pool::kDefaultPoolDir);
+  std::string d = dir;
+  while (d.size() > 1 && d.back() == '/') d.pop_back();
+  return d.empty() || d[0] != '/' ? std::string(pool::kDefaultPoolDir) : d;
+}
+
+// Under the pool mutex: the file the blocks of this session live in.
+void ZuDegbugOfflineLogger::openPoolFile() {
+  if (!mPoolFile) mPoolFile = std::make_unique<pool::PoolFile>();
+  if (mPoolFile->isOpen()) return;
+  const std::string dir = poolDirectory();
+  makeDeviceDirs(dir);
+  std::string why;
+  if (!mPoolFile->create(dir, mTypeName, static_cast<uint32_t>(mZuOfflineLoggerType), &why))
+    ZU_DBG_LOGE(
+        "OfflineLogger queue file in %s unusable (%s): queues kept in process memory only, lost if the "
+        "process dies",
+        dir.c_str(), why.c_str());
+}
+
+// Under the pool mutex, with no append in flight: every block goes back to the system.
+void ZuDegbugOfflineLogger::closePool() {
+  mFreeMemoryIndex.clear();
+  mMemoryLogPool.clear();
+  mBlockDesc.clear();
+  mBlockFileIndex.clear();
+  if (mPoolFile) mPoolFile->close(true);
+}
+
 int ZuDegbugOfflineLogger::allocateLogQueueMemPool() {
   std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
+  if (!mPoolFile) mPoolFile = std::make_unique<pool::PoolFile>();
+  const bool durable = mPoolFile->isOpen();
+  pool::Chunk chunk;
+  std::string why;
   int result = 0;
-  for (int i = 0; i < kBlocksPerGrowth; ++i) {
-    auto* block = static_cast<uint8_t*>(calloc(1, kBlockSize));
-    if (block == nullptr) {
-      ZU_DBG_LOGE("OfflineLogger allocate memory failed");
-      result = -1;
-      continue;
+  if (!mPoolFile->grow(&chunk, &why)) {
+    ZU_DBG_LOGE("OfflineLogger allocate memory failed");
+    result = -1;
+  } else {
+    if (durable && chunk.fileChunk < 0)
+      ZU_DBG_LOGE("OfflineLogger queue file %s cannot grow (%s): new queues kept in process memory only",
+                  mPoolFile->path().c_str(), why.c_str());
+    for (uint32_t i = 0; i < pool::kBlocksPerChunk; ++i) {
+      mMemoryLogPool.push_back(chunk.block(i));
+      mBlockDesc.push_back(chunk.desc(i));
+      mBlockFileIndex.push_back(chunk.fileChunk < 0
+                                    ? -1
+                                    : chunk.fileChunk * static_cast<int>(pool::kBlocksPerChunk) +
+                                          static_cast<int>(i));
+      mFreeMemoryIndex.push_back(static_cast<int>(mMemoryLogPool.size() - 1));
     }
-    mMemoryLogPool.push_back(block);
-    mFreeMemoryIndex.push_back(static_cast<int>(mMemoryLogPool.size() - 1));
   }
   ZU_DBG_LOGI("mMemoryLogPool: %zu", mMemoryLogPool.size());
   return result;
@@ -251,6 +328,7 @@ int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t thr
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "requestNewLogQueue", "Offlinelog failed to request new container");
     queue = nullptr;
     local.record = nullptr;
+    local.desc = nullptr;
     local.sThreadLocalQueuePoolId = -1;
     lifetime.threadId = 0;  // nothing left to hand over at exit
     lifetime.registerId = -1;
@@ -275,9 +353,19 @@ int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t thr
   record.usedSize = 0;
   record.writtenTotal = 0;
   record.address = mMemoryLogPool[block];
+  record.desc = mBlockDesc[block];
+  // The block's durable counters: empty first, then owned, so that a process killed
+  // in between leaves nothing to recover.
+  pool::BlockDesc& desc = *record.desc;
+  pool::storeRelease(&desc.used, 0);
+  pool::storeRelease(&desc.flushed, 0);
+  desc.tid = threadId;
+  __atomic_store_n(&desc.seq, ++mTakeSequence, __ATOMIC_RELAXED);
+  pool::storeRelease(&desc.state, pool::kBlockOwned);
 
   queue = record.address;
   local.record = &record;
+  local.desc = record.desc;
   local.sThreadLocalQueuePoolId = registerId;
   local.epoch = mRecordEpoch.load(std::memory_order_relaxed);
   lifetime.threadId = threadId;
@@ -301,7 +389,9 @@ bool ZuDegbugOfflineLogger::requestFlushLogQueueUntil(int registerId, Deadline d
                         static_cast<int>(mPerLogInfoPool.size()));
       return true;
     }
-    mPerLogInfoPool[registerId]->bNeedFlush = true;
+    PerLogThreadInfo& record = *mPerLogInfoPool[registerId];
+    record.bNeedFlush = true;
+    if (record.desc != nullptr) pool::storeRelease(&record.desc->state, pool::kBlockWaiting);
     mNeedFlushThreadCount.fetch_add(1, std::memory_order_relaxed);
     mFlushRegisterId.push_back(registerId);
   }
@@ -325,9 +415,25 @@ bool ZuDegbugOfflineLogger::addLogUntil(const char* line, unsigned int length, D
   return addLogImpl(line, length, deadline) == AppendResult::Done;
 }
 
+namespace {
+
+// Copies a line behind the thread's last one and publishes it: the block's durable
+// count moves only once the whole line is there.
+inline void copyLine(threadLocalInfo& local, const char* line, unsigned int length) {
+  memcpy(local.queueAddress + local.offset, line, length);
+  local.offset += length;
+  local.bytesSinceReset += length;
+  // The counters are the owner's alone while it holds the shared side of the pool lock.
+  local.record->usedSize = local.offset;
+  local.record->writtenTotal = local.bytesSinceReset;
+  pool::storeRelease(&local.desc->used, local.offset);
+}
+
+}  // namespace
+
 ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char* line, unsigned int length,
                                                                       Deadline deadline) {
-  if (mStatus.load(std::memory_order_acquire) != kStatusActive) return AppendResult::Done;
+  if (!mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
   threadLocalInfo& local = sThreadLocalInfo[slotOf(mZuOfflineLoggerType)];
   // Re-entered from a signal handler in the middle of this thread's own append.
   if (local.inAppend) return AppendResult::Blocked;
@@ -347,87 +453,80 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
     }
   } leave{mPoolLock, local};
   local.inAppend = true;
-  if (mStatus.load(std::memory_order_acquire) != kStatusActive) return AppendResult::Done;
+  // Stop drains appends through the pool lock: past this test a line is always kept.
+  if (!mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
 
-  const uint32_t generation = mFlushGeneration.load(std::memory_order_relaxed);
   const uint32_t session = mSessionCount.load(std::memory_order_relaxed);
   bool needNewQueue = false;
+  bool handOver = false;
   if (local.session != session) {
     // First line of this thread, or the logger was restarted: the old queue is gone.
-    uint8_t* queue = nullptr;
-    const uint32_t oldSession = local.session;
     local.session = session;
-    bool blocked = false;
-    const int id = requestNewLogQueueUntil(queue, zuCurrentTid(), deadline, &blocked);
-    if (blocked) {
-      local.session = oldSession;
-      return AppendResult::Blocked;
-    }
-    local.queueAddress = queue;
-    local.sThreadLocalQueuePoolId = id;
+    local.record = nullptr;
+    local.queueAddress = nullptr;
     local.offset = 0;
     local.bytesSinceReset = 0;
-    local.generation = generation;
-  } else {
-    if (local.record == nullptr || local.epoch != mRecordEpoch.load(std::memory_order_relaxed)) {
-      // Every record was reset since this thread took its queue (or it never got one):
-      // check what is left of it.
-      HeldLock<ZuOwnedRecursiveMutex> queueLock(mQueueMutex, deadline);
-      if (!queueLock.held()) return AppendResult::Blocked;
-      const int id = local.sThreadLocalQueuePoolId;
-      if (id < 0 || id >= static_cast<int>(mPerLogInfoPool.size())) {
-        ZU_OFFLINE_LOG_AS(
-            ANDROID_LOG_ERROR, "addLog",
-            "sThreadLocalInfo[static_cast<int>(mZuOfflineLoggerType)].sThreadLocalQueuePoolId : %d "
-            "mPerLogInfoPool size: %d",
-            id, static_cast<int>(mPerLogInfoPool.size()));
-        return AppendResult::Done;
-      }
+    needNewQueue = true;
+  } else if (local.record != nullptr && local.epoch != mRecordEpoch.load(std::memory_order_relaxed)) {
+    // Every record was reset since this thread took its queue: what is left of it?
+    HeldLock<ZuOwnedRecursiveMutex> queueLock(mQueueMutex, deadline);
+    if (!queueLock.held()) return AppendResult::Blocked;
+    const int id = local.sThreadLocalQueuePoolId;
+    if (id < 0 || id >= static_cast<int>(mPerLogInfoPool.size())) {
+      ZU_OFFLINE_LOG_AS(
+          ANDROID_LOG_ERROR, "addLog",
+          "sThreadLocalInfo[static_cast<int>(mZuOfflineLoggerType)].sThreadLocalQueuePoolId : %d "
+          "mPerLogInfoPool size: %d",
+          id, static_cast<int>(mPerLogInfoPool.size()));
+      local.record = nullptr;
+      local.queueAddress = nullptr;
+    } else {
       PerLogThreadInfo& record = *mPerLogInfoPool[id];
       ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "OFFLINELOG:%p != %p %d %d",
                         static_cast<void*>(record.address), static_cast<void*>(local.queueAddress), id,
                         record.memoryIndex);
-      needNewQueue = true;
-    } else if (local.generation != generation) {
-      // A forced flush wrote this thread's bytes: start again at the top of the block.
-      local.generation = generation;
-      local.offset = 0;
-      local.bytesSinceReset = 0;
-      local.record->usedSize = 0;
     }
-    if (!needNewQueue && (local.offset + length > kBlockSize || local.bytesSinceReset > kVolumeLimit ||
-                          local.queueAddress == nullptr)) {
-      needNewQueue = local.queueAddress != nullptr;
-      if (local.bytesSinceReset > kVolumeLimit) local.bytesSinceReset = 0;
-    }
-    if (needNewQueue) {
-      // Hand the full queue over and take a fresh one, both or neither.
-      HeldLock<ZuOwnedRecursiveMutex> queueLock(mQueueMutex, deadline);
-      if (!queueLock.held()) return AppendResult::Blocked;
-      HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
-      if (!poolLock.held()) return AppendResult::Blocked;
-      const bool ownQueue =
-          local.record != nullptr && local.epoch == mRecordEpoch.load(std::memory_order_relaxed);
-      if (ownQueue) requestFlushLogQueueUntil(local.sThreadLocalQueuePoolId, deadline);
-      uint8_t* queue = nullptr;
-      const int id = requestNewLogQueueUntil(queue, zuCurrentTid(), deadline, nullptr);
-      local.queueAddress = queue;
-      local.sThreadLocalQueuePoolId = id;
-      local.offset = 0;
-      local.generation = generation;
+    local.record = nullptr;
+    needNewQueue = true;
+  } else if (local.queueAddress == nullptr) {
+    // No block could be had last time: try again.
+    needNewQueue = true;
+  } else if (local.offset + length > kBlockSize || local.bytesSinceReset > kVolumeLimit) {
+    if (local.bytesSinceReset > kVolumeLimit) local.bytesSinceReset = 0;
+    needNewQueue = true;
+    handOver = true;
+  }
+  if (needNewQueue) {
+    // Hand the full queue over and take a fresh one, both or neither.
+    HeldLock<ZuOwnedRecursiveMutex> queueLock(mQueueMutex, deadline);
+    if (!queueLock.held()) return AppendResult::Blocked;
+    HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+    if (!poolLock.held()) return AppendResult::Blocked;
+    if (handOver) requestFlushLogQueueUntil(local.sThreadLocalQueuePoolId, deadline);
+    uint8_t* queue = nullptr;
+    const int id = requestNewLogQueueUntil(queue, zuCurrentTid(), deadline, nullptr);
+    local.queueAddress = queue;
+    local.sThreadLocalQueuePoolId = id;
+    local.offset = 0;
+    if (queue != nullptr) {
+      // Lines lost while no block could be had are told in the first block there is.
+      const uint32_t dropped = mDroppedLines.exchange(0, std::memory_order_relaxed);
+      if (dropped > 0) {
+        char notice[256];
+        const size_t n = pool::formatDiagnosticLine(
+            notice, sizeof(notice), "E", Log::getFileName(__FILE__), "addLog", __LINE__,
+            "OfflineLogger dropped %u lines: no queue memory could be had", dropped);
+        copyLine(local, notice, static_cast<unsigned int>(n));
+      }
     }
   }
   if (local.queueAddress == nullptr) {
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "memoryAddressToWrite is %p inputlog address is %p!",
                       static_cast<void*>(local.queueAddress), static_cast<const void*>(line));
+    mDroppedLines.fetch_add(1, std::memory_order_relaxed);
     return AppendResult::Done;
   }
-  memcpy(local.queueAddress + local.offset, line, length);
-  local.offset += length;
-  local.bytesSinceReset += length;
-  // The counters are the owner's alone while it holds the shared side of the pool lock.
-  local.record->usedSize = local.offset;
-  local.record->writtenTotal = local.bytesSinceReset;
+  copyLine(local, line, length);
   return AppendResult::Done;
 }
 
@@ -456,7 +555,7 @@ bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result
     *result = -1;
     return true;
   }
-  // Small amounts wait in memory; no need to stop every appender to find that out.
+  // Small amounts wait in memory; no need to take any lock to find that out.
   if (!force && mNeedFlushThreadCount.load() < kFlushThreshold) return true;
   return force ? forcedFlush(deadline, result) : normalFlush(deadline, result);
 }
@@ -481,7 +580,8 @@ bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
         batch.emplace_back(id, mPerLogInfoPool[id].get());
     mFlushRegisterId.clear();
   }
-  for (auto& entry : batch) writeRecordLocked(*entry.second, false);
+  // Handed over before the list was taken: their owners have moved on.
+  for (auto& entry : batch) writeRecordLocked(*entry.second, true, false);
   {
     std::lock_guard<ZuOwnedRecursiveMutex> poolLock(mPoolMutex);
     for (auto& entry : batch) recycleLocked(entry.first, *entry.second);
@@ -490,14 +590,11 @@ bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
   return true;
 }
 
-// Writes every queue that holds data, also those of live threads, with every append
-// held off: order pool lock (write), file mutex, pool mutex.
+// Writes every queue that holds unwritten bytes, also those of live threads, which go
+// on appending meanwhile: a block's bytes below its published count never change, so
+// the flush takes what is complete and leaves the rest for the next one. Threads that
+// need a new block wait for the pool mutex; no line is refused.
 bool ZuDegbugOfflineLogger::forcedFlush(Deadline deadline, int* result) {
-  if (!mPoolLock.lock(deadline)) return false;
-  struct Unlock {
-    ZuPoolLock& lock;
-    ~Unlock() { lock.unlock(); }
-  } unlockPool{mPoolLock};
   HeldLock<ZuOwnedPlainMutex> fileLock(mFileMutex, deadline);
   if (!fileLock.held()) return false;
   HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
@@ -507,18 +604,19 @@ bool ZuDegbugOfflineLogger::forcedFlush(Deadline deadline, int* result) {
     return true;
   }
   mStatus.store(kStatusStopping);
-  for (int id = 0; id < static_cast<int>(mPerLogInfoPool.size()); ++id) mFlushRegisterId.push_back(id);
+  // Handed-over queues first, in hand-over order, then every queue still owned.
   while (!mFlushRegisterId.empty()) {
     const int id = mFlushRegisterId.front();
     mFlushRegisterId.pop_front();
     if (id < 0 || id >= static_cast<int>(mPerLogInfoPool.size())) continue;
-    writeRecordLocked(*mPerLogInfoPool[id], true);
+    writeRecordLocked(*mPerLogInfoPool[id], true, true);
     recycleLocked(id, *mPerLogInfoPool[id]);
   }
+  for (int id = 0; id < static_cast<int>(mPerLogInfoPool.size()); ++id) {
+    PerLogThreadInfo& record = *mPerLogInfoPool[id];
+    if (record.desc != nullptr && !record.bNeedFlush) writeRecordLocked(record, false, true);
+  }
   rotateLocked();
-  uint32_t next = mFlushGeneration.load(std::memory_order_relaxed) + 1;
-  if (next == 0) next = 1;
-  mFlushGeneration.store(next, std::memory_order_relaxed);
   return true;
 }
 
@@ -526,6 +624,14 @@ bool ZuDegbugOfflineLogger::forcedFlush(Deadline deadline, int* result) {
 void ZuDegbugOfflineLogger::recycleLocked(int registerId, PerLogThreadInfo& record) {
   if (!record.bReserved) return;
   record.bReserved = false;
+  record.bNeedFlush = false;
+  record.usedSize = 0;
+  if (record.desc != nullptr) {
+    pool::storeRelease(&record.desc->state, pool::kBlockFree);
+    pool::storeRelease(&record.desc->used, 0);
+    pool::storeRelease(&record.desc->flushed, 0);
+  }
+  record.desc = nullptr;
   mFreeMemoryIndex.push_back(record.memoryIndex);
   mFreeRegisterId.push_back(registerId);
 }
@@ -535,52 +641,143 @@ void ZuDegbugOfflineLogger::rotateLocked() {
   while (mFileList.size() > mFileLimit) {
     const std::string& oldest = mFileList.front();
     ResolvedPath path(oldest.c_str());
-    if (unlink(path.str) != 0)
+    // Another camera process may have rotated it away already.
+    if (unlink(path.str) != 0 && errno != ENOENT)
       ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile", "remove OfflineLog failed: %s", oldest.c_str());
     mFileList.pop_front();
   }
 }
 
-// Writes one record's bytes when it waits for flushing, or holds data at a forced
-// flush. A record that was handed over is marked in bReserved for recycling; a live
-// thread's record is only emptied and stays with its owner.
-void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool force) {
-  if (!mFileOpen) {
-    std::string name = getPrefixFilename();
-    name += mZuOfflineLoggerType == ZuOfflineLoggerType::Binary ? ".bin" : ".txt";
-    mCurrentFileName = name;
-    mFileList.push_back(name);
-    mFileOpen = 1;
+namespace {
+
+// The write under way, kept in the pool file while it runs.
+struct MappedIntent {
+  pool::PoolHeader* header;
+  uint32_t fileBlock, from, to;
+  static void record(void* ctx, const char* file, uint64_t offset) {
+    auto* self = static_cast<MappedIntent*>(ctx);
+    pool::WriteIntent& in = self->header->intent;
+    in.block = self->fileBlock;
+    in.from = self->from;
+    in.to = self->to;
+    in.fileOffset = offset;
+    snprintf(in.file, sizeof(in.file), "%s", file);
+    pool::storeRelease(&in.state, 1);
   }
+};
+
+}  // namespace
+
+// Under the file mutex: writes the complete bytes of a record's block that are not in
+// a file yet, when the queue waits for flushing (`waiting`, read under the pool mutex)
+// or a forced flush asks for them. A handed-over record is marked in bReserved for
+// recycling; a live thread's record stays with its owner, which goes on appending.
+void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool waiting, bool force) {
+  if (!mFileOpen) openNewFileLocked();
   ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "flushLogToFile", "bNeedFlush: %d, lastFlush: %d, fileName: %s",
-                    record.bNeedFlush ? 1 : 0, force ? 1 : 0, mCurrentFileName.c_str());
-  const bool waiting = record.bNeedFlush;
-  if (!waiting && !(force && record.usedSize > 0)) return;
-  ResolvedPath path(mCurrentFileName.c_str());
-  const int fd = ::open(path.str, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-  bool ok = fd >= 0;
-  if (ok) {
-    fchmod(fd, 0666);
-    ok = writeAll(fd, record.address, record.usedSize);
-    ::close(fd);
+                    waiting ? 1 : 0, force ? 1 : 0, mCurrentFileName.c_str());
+  pool::BlockDesc* desc = record.desc;
+  if (desc == nullptr) return;
+  const uint32_t used = pool::loadAcquire(&desc->used);
+  const uint32_t from = desc->flushed;
+  if (!waiting && !(force && used > from)) return;
+  if (used > from) {
+    const int32_t fileBlock = mBlockFileIndex[static_cast<size_t>(record.memoryIndex)];
+    pool::PoolHeader* header = mPoolFile ? mPoolFile->header() : nullptr;
+    MappedIntent intent{header, static_cast<uint32_t>(fileBlock), from, used};
+    const bool durable = header != nullptr && fileBlock >= 0;
+    writeBytesLocked(record.address + from, used - from, durable ? &MappedIntent::record : nullptr, &intent);
+    // Written (or lost to a failing file): either way the bytes are done with.
+    pool::storeRelease(&desc->flushed, used);
+    if (durable) pool::storeRelease(&header->intent.state, 0);
   }
-  if (!ok)
-    ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile",
-                      "zu-debug TXT Offlinelog failed to open file and write");
-  mCurrentFileSize += record.usedSize;
-  if (mCurrentFileSize > kFileSizeLimit) {
-    mFileOpen = 0;
-    mCurrentFileName.clear();
-    mCurrentFileSize = 0;
-  }
-  record.usedSize = 0;
   if (waiting) {
-    record.bNeedFlush = false;
     record.bReserved = true;
     uint32_t count = mNeedFlushThreadCount.load(std::memory_order_relaxed);
     while (count > 0 && !mNeedFlushThreadCount.compare_exchange_weak(count, count - 1)) {
     }
   }
+}
+
+// Under the file mutex: appends to the current file (one open, one write, one close),
+// starting a new one when none is open. `intent` is told the file and its size just
+// before the write. A write that fails half way is cut back, so no torn line stays.
+bool ZuDegbugOfflineLogger::writeBytesLocked(const uint8_t* data, uint32_t len,
+                                             void (*intent)(void*, const char*, uint64_t), void* ctx) {
+  if (!mFileOpen) openNewFileLocked();
+  ResolvedPath path(mCurrentFileName.c_str());
+  const int fd = ::open(path.str, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  bool ok = fd >= 0;
+  int err = errno;
+  if (ok) {
+    fchmod(fd, 0666);
+    const off_t before = lseek(fd, 0, SEEK_END);
+    if (intent != nullptr)
+      intent(ctx, mCurrentFileName.c_str(), before < 0 ? 0 : static_cast<uint64_t>(before));
+    ok = writeAll(fd, data, len);
+    err = errno;
+    if (!ok && before >= 0 && ftruncate(fd, before) != 0) {
+      // The torn tail stays; nothing more can be done about it here.
+    }
+    ::close(fd);
+  }
+  if (!ok && !mWriteFailing) {
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile",
+                      "zu-debug TXT Offlinelog failed to open file and write");
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile",
+                      "OfflineLogger cannot write %s: %s; queues are lost until a file can be written again",
+                      mCurrentFileName.c_str(), strerror(err));
+  } else if (ok && mWriteFailing) {
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "flushLogToFile", "OfflineLogger writes %s again",
+                      mCurrentFileName.c_str());
+  }
+  mWriteFailing = !ok;
+  mCurrentFileSize += len;
+  if (mCurrentFileSize > kFileSizeLimit) {
+    mFileOpen = 0;
+    mCurrentFileName.clear();
+    mCurrentFileSize = 0;
+  }
+  return ok;
+}
+
+// Under the file mutex: names the next file and makes room for it. Other camera
+// processes write into the same directory, so the ten-file cap is kept over what is
+// there now, oldest first.
+void ZuDegbugOfflineLogger::openNewFileLocked() {
+  std::string name = getPrefixFilename();
+  name += mZuOfflineLoggerType == ZuOfflineLoggerType::Binary ? ".bin" : ".txt";
+  mCurrentFileName = name;
+  mFileList = listLogFiles(false);
+  if (std::find(mFileList.begin(), mFileList.end(), name) == mFileList.end()) mFileList.push_back(name);
+  mFileOpen = 1;
+  rotateLocked();
+}
+
+// This type's files in the directory, oldest first by the time their names stand for.
+std::deque<std::string> ZuDegbugOfflineLogger::listLogFiles(bool logEach) {
+  std::vector<std::pair<int64_t, std::string>> found;
+  ResolvedPath dir(kLogDir);
+  if (DIR* d = opendir(dir.str)) {
+    while (dirent* e = readdir(d)) {
+      if (strstr(e->d_name, mTypeName.c_str()) == nullptr) continue;
+      found.emplace_back(nameTime(kLogDir, e->d_name, mTypeName), e->d_name);
+    }
+    closedir(d);
+  }
+  std::sort(found.begin(), found.end());
+  std::deque<std::string> list;
+  for (const auto& f : found) {
+    char full[4096];
+    snprintf(full, sizeof(full), "%s/%s", kLogDir, f.second.c_str());
+    if (std::find(list.begin(), list.end(), full) != list.end()) {
+      if (logEach) ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "start", "zu-debug OfflineLogger has same file");
+      continue;
+    }
+    if (logEach) ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "start", "List local debug file: %s", full);
+    list.push_back(full);
+  }
+  return list;
 }
 
 namespace {
@@ -635,33 +832,41 @@ void ZuDegbugOfflineLogger::scanDirectoryOnce() {
   std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
   if (mDirectoryScanned) return;
   mDirectoryScanned = true;
-  // Time-stamped names sort oldest first, the order in which rotation deletes.
-  std::priority_queue<std::string, std::vector<std::string>, std::greater<std::string>> heap;
-  ResolvedPath dir(kLogDir);
-  if (DIR* d = opendir(dir.str)) {
-    while (dirent* e = readdir(d)) {
-      if (strstr(e->d_name, mTypeName.c_str()) == nullptr) continue;
-      char full[4096];
-      snprintf(full, sizeof(full), "%s/%s", kLogDir, e->d_name);
-      heap.push(full);
-    }
-    closedir(d);
+  mFileList = listLogFiles(true);
+}
+
+// What a dead process left goes into this logger's files, through the same writer.
+class LoggerRecoveryWriter : public pool::RecoveryWriter {
+ public:
+  explicit LoggerRecoveryWriter(ZuDegbugOfflineLogger& logger) : mLogger(logger) {}
+  bool writeRecovered(const uint8_t* data, uint32_t len, void (*intent)(void*, const char*, uint64_t),
+                      void* ctx) override {
+    return mLogger.writeBytesLocked(data, len, intent, ctx);
   }
-  while (!heap.empty()) {
-    std::string path = heap.top();
-    heap.pop();
-    bool known = false;
-    for (const std::string& f : mFileList) known = known || f == path;
-    if (known) {
-      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "start", "zu-debug OfflineLogger has same file");
-      continue;
-    }
-    ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "start", "List local debug file: %s", path.c_str());
-    mFileList.push_back(path);
+  void writeNotice(uint64_t bytes, uint32_t pid, const char* poolFile) override {
+    char line[1024];
+    const size_t n =
+        pool::formatDiagnosticLine(line, sizeof(line), "I", Log::getFileName(__FILE__), "start", __LINE__,
+                                   "OfflineLogger recovered %llu bytes of process %u from %s",
+                                   static_cast<unsigned long long>(bytes), pid, poolFile);
+    mLogger.writeBytesLocked(reinterpret_cast<const uint8_t*>(line), static_cast<uint32_t>(n), nullptr,
+                             nullptr);
   }
+
+ private:
+  ZuDegbugOfflineLogger& mLogger;
+};
+
+void ZuDegbugOfflineLogger::recoverDeadProcesses() {
+  std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
+  LoggerRecoveryWriter writer(*this);
+  pool::recoverDeadPools(poolDirectory(), mTypeName, static_cast<uint32_t>(mZuOfflineLoggerType), kLogDir,
+                         writer);
+  rotateLocked();
 }
 
 int ZuDegbugOfflineLogger::start() {
+  makeDeviceDirs(kLogDir);
   scanDirectoryOnce();
   float mib = 0;
   if (!queryAvailableSpace(kLogDir, &mib)) {
@@ -684,16 +889,28 @@ int ZuDegbugOfflineLogger::start() {
   }
   {
     std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
-    if (allocateLogQueueMemPool() != 0) return -1;
+    openPoolFile();
+    if (allocateLogQueueMemPool() != 0) {
+      closePool();
+      return -1;
+    }
   }
   mStatus.store(kStatusActive);
+  mAccepting.store(true, std::memory_order_release);
   mEverStarted = true;
+  // Lines appended meanwhile wait in memory; the recovered ones reach the files first.
+  recoverDeadProcesses();
   return 0;
 }
 
 int ZuDegbugOfflineLogger::stop() {
   ZU_DBG_LOGI("E");
+  mAccepting.store(false, std::memory_order_release);
   mStatus.store(kStatusStopping);
+  {
+    // Appends that got in before the door closed finish first.
+    std::lock_guard<ZuPoolLock> drain(mPoolLock);
+  }
   flushLogToFile(true);
   mStatus.store(kStatusStopped);
   setAllToDefaultValue();
@@ -701,11 +918,8 @@ int ZuDegbugOfflineLogger::stop() {
     std::lock_guard<ZuPoolLock> write(mPoolLock);
     std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
     std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
-    mFlushGeneration.store(0, std::memory_order_relaxed);
     mSessionCount.fetch_add(1, std::memory_order_relaxed);
-    mFreeMemoryIndex.clear();
-    for (uint8_t* block : mMemoryLogPool) free(block);
-    mMemoryLogPool.clear();
+    closePool();
   }
   ZU_DBG_LOGI("X mSessionCount %d", static_cast<int>(mSessionCount.load()));
   return 0;
@@ -717,7 +931,13 @@ void ZuDegbugOfflineLogger::setAllToDefaultValue() {
   std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
   std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
   mFreeMemoryIndex.clear();
-  for (int i = 0; i < static_cast<int>(mMemoryLogPool.size()); ++i) mFreeMemoryIndex.push_back(i);
+  for (int i = 0; i < static_cast<int>(mMemoryLogPool.size()); ++i) {
+    mFreeMemoryIndex.push_back(i);
+    pool::BlockDesc* desc = mBlockDesc[static_cast<size_t>(i)];
+    pool::storeRelease(&desc->state, pool::kBlockFree);
+    pool::storeRelease(&desc->used, 0);
+    pool::storeRelease(&desc->flushed, 0);
+  }
   mFreeRegisterId.clear();
   mFlushRegisterId.clear();
   mPerLogInfoPool.clear();
@@ -728,7 +948,7 @@ void ZuDegbugOfflineLogger::setAllToDefaultValue() {
 void ZuDegbugOfflineLogger::activeOfflineLogger() {
   // Only a forced flush's stopping state is left here; a stopped logger needs start().
   uint32_t expected = kStatusStopping;
-  mStatus.compare_exchange_strong(expected, kStatusActive);
+  if (mAccepting.load(std::memory_order_acquire)) mStatus.compare_exchange_strong(expected, kStatusActive);
 }
 
 bool ZuDegbugOfflineLogger::isEnableOfflinelogger() { return mStatus.load() == kStatusActive; }

@@ -19,6 +19,13 @@
 
 namespace zudebug {
 
+namespace pool {
+struct BlockDesc;
+struct Chunk;
+class PoolFile;
+}  // namespace pool
+class LoggerRecoveryWriter;
+
 enum class ZuOfflineLoggerType : int {
   Debug = 0,   // the library's text log, files ".txt"
   Binary = 1,  // offered to hosts, files ".bin"
@@ -100,15 +107,16 @@ class ZUDEBUG_EXPORT ZuPoolLock {
 
 // One record per handed-out queue; its index in the pool is the register id.
 struct PerLogThreadInfo {
-  bool bNeedFlush = false;     // handed to the flush thread
-  bool bReserved = false;      // cleared whenever the record is (re)used
-  uint32_t threadId = 0;       // kernel id of the owner
-  int32_t memoryIndex = -1;    // block index in mMemoryLogPool
-  uint32_t sessionCount = 0;   // owner's session when the queue was taken
-  uint32_t usedSize = 0;       // bytes written into the block
-  std::string name;            // kept for the owner's name
-  uint32_t writtenTotal = 0;   // running count mirrored from the owner
-  uint8_t* address = nullptr;  // the block itself, so owners need not index the pool
+  bool bNeedFlush = false;          // handed to the flush thread
+  bool bReserved = false;           // cleared whenever the record is (re)used
+  uint32_t threadId = 0;            // kernel id of the owner
+  int32_t memoryIndex = -1;         // block index in mMemoryLogPool
+  uint32_t sessionCount = 0;        // owner's session when the queue was taken
+  uint32_t usedSize = 0;            // bytes written into the block
+  std::string name;                 // kept for the owner's name
+  uint32_t writtenTotal = 0;        // running count mirrored from the owner
+  uint8_t* address = nullptr;       // the block itself, so owners need not index the pool
+  pool::BlockDesc* desc = nullptr;  // the block's durable counters; null once recycled
 };
 
 // Per logger and thread: released at thread exit, when the thread's last queue is
@@ -171,6 +179,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   // ---- the private state below belongs to the logger's implementation ----
  private:
   friend struct LifetimeThreadInfo;
+  friend class LoggerRecoveryWriter;
   explicit ZuDegbugOfflineLogger(ZuOfflineLoggerType type);
   ~ZuDegbugOfflineLogger();
 
@@ -185,9 +194,17 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   bool forcedFlush(Deadline deadline, int* result);
   void recycleLocked(int registerId, PerLogThreadInfo& record);
   void rotateLocked();
-  void writeRecordLocked(PerLogThreadInfo& record, bool force);
+  void writeRecordLocked(PerLogThreadInfo& record, bool waiting, bool force);
+  bool writeBytesLocked(const uint8_t* data, uint32_t len, void (*intent)(void*, const char*, uint64_t),
+                        void* ctx);
+  void openNewFileLocked();
+  std::deque<std::string> listLogFiles(bool logEach);
   bool queryAvailableSpace(const char* path, float* mib);
   void scanDirectoryOnce();
+  void openPoolFile();
+  void closePool();
+  void recoverDeadProcesses();
+  std::string poolDirectory() const;
 
   // Pool and queues.
   std::vector<uint8_t*> mMemoryLogPool;
@@ -196,11 +213,18 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   std::deque<int> mFreeRegisterId;
   std::deque<int> mFlushRegisterId;
   std::atomic<uint32_t> mStatus{kStatusStopped};
+  // Appends are taken from start until stop begins; forced flushes do not refuse them.
+  std::atomic<bool> mAccepting{false};
   std::atomic<uint32_t> mSessionCount{1};
-  // Moved on by every forced flush (never to 0); a thread whose copy differs starts
-  // again at the beginning of the block it holds.
-  std::atomic<uint32_t> mFlushGeneration{0};
   std::atomic<uint32_t> mNeedFlushThreadCount{0};
+  // Lines dropped because no block could be had; reported in the next block taken.
+  std::atomic<uint32_t> mDroppedLines{0};
+  // Durable memory: the pool file (or anonymous chunks), each block's counters and
+  // its index in the pool file (-1 when it is not in the file).
+  std::unique_ptr<pool::PoolFile> mPoolFile;
+  std::vector<pool::BlockDesc*> mBlockDesc;
+  std::vector<int32_t> mBlockFileIndex;
+  uint64_t mTakeSequence = 0;
   ZuPoolLock mPoolLock;
   ZuOwnedRecursiveMutex mPoolMutex;
   ZuOwnedRecursiveMutex mQueueMutex;
@@ -220,6 +244,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   int32_t mFileOpen = 0;
   uint32_t mCurrentFileSize = 0;
   std::deque<std::string> mFileList;
+  bool mWriteFailing = false;  // the last write failed; said once until one succeeds
   ZuOwnedPlainMutex mFileMutex;
 };
 

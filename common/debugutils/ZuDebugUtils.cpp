@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ZuOfflinePool.h"
 #include "ZuPraseSettings.h"
 
 namespace zudebug {
@@ -320,6 +321,34 @@ void Log::logSystem(unsigned int group, const char* level, const char* fmt, ...)
   memcpy(report, buf + p, rest < kReportSize ? rest : kReportSize);
   escalate(report);
 }
+
+namespace pool {
+
+size_t formatDiagnosticLine(char* buf, size_t size, const char* level, const char* file, const char* func,
+                            int line, const char* fmt, ...) {
+  if (buf == nullptr || size == 0) return 0;
+  char tmp[kLineSize];
+  const size_t p = formatStamp(tmp, level);
+  LineCursor origin =
+      groupOrigin(tmp, p, Log::zuaGroupToTag(ZU_GROUP_DEBUG), Log::zuaGroupToString(ZU_GROUP_DEBUG));
+  origin.put(orEmpty(file));
+  origin.put(":", 1);
+  origin.putInt(line);
+  origin.put(" ", 1);
+  origin.put(orEmpty(func));
+  origin.put("() ", 3);
+  origin.terminate();
+  va_list ap;
+  va_start(ap, fmt);
+  const size_t n = finishLine(tmp, origin.pos, fmt, ap) + 1;
+  va_end(ap);
+  const size_t kept = n < size ? n : size - 1;
+  memcpy(buf, tmp, kept);
+  buf[kept] = '\0';
+  return kept;
+}
+
+}  // namespace pool
 
 // ---- debug interface facade ----
 

@@ -1,0 +1,417 @@
+#include "ZuOfflinePool.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <zudebug_platform/fs.h>
+
+#include "ZuDebugUtils.h"
+
+namespace zudebug {
+namespace pool {
+
+namespace {
+
+// Full device path -> path to open on this system.
+struct Resolved {
+  explicit Resolved(const std::string& path) : str(platform_resolve_path(path.c_str(), buf, sizeof(buf))) {}
+  char buf[PLATFORM_PATH_MAX];
+  const char* str;
+};
+
+std::string errnoText(const char* what, int err) { return std::string(what) + ": " + strerror(err); }
+
+bool lockWhole(int fd) {
+  struct flock fl;
+  memset(&fl, 0, sizeof(fl));
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  return fcntl(fd, F_OFD_SETLK, &fl) == 0;
+}
+
+bool readAt(int fd, void* buf, size_t len, uint64_t off) {
+  auto* p = static_cast<uint8_t*>(buf);
+  while (len > 0) {
+    ssize_t r = pread(fd, p, len, static_cast<off_t>(off));
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) return false;
+    p += r;
+    off += static_cast<uint64_t>(r);
+    len -= static_cast<size_t>(r);
+  }
+  return true;
+}
+
+bool writeAt(int fd, const void* buf, size_t len, uint64_t off) {
+  const auto* p = static_cast<const uint8_t*>(buf);
+  while (len > 0) {
+    ssize_t w = pwrite(fd, p, len, static_cast<off_t>(off));
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) return false;
+    p += w;
+    off += static_cast<uint64_t>(w);
+    len -= static_cast<size_t>(w);
+  }
+  return true;
+}
+
+uint64_t descOffset(uint32_t fileBlock) {
+  return kAreaBytes + (fileBlock / kBlocksPerChunk) * kChunkBytes +
+         (fileBlock % kBlocksPerChunk) * sizeof(BlockDesc);
+}
+
+uint64_t blockOffset(uint32_t fileBlock) {
+  return kAreaBytes + (fileBlock / kBlocksPerChunk) * kChunkBytes + kAreaBytes +
+         static_cast<uint64_t>(fileBlock % kBlocksPerChunk) * kBlockSize;
+}
+
+bool hasSuffix(const std::string& s, const char* suffix) {
+  const size_t n = strlen(suffix);
+  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
+}
+
+}  // namespace
+
+// ---- owner side ----
+
+bool PoolFile::create(const std::string& dir, const std::string& typeName, uint32_t loggerType,
+                      std::string* why) {
+  close(false);
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  char name[PLATFORM_PATH_MAX];
+  snprintf(name, sizeof(name), "%s/ZuCam_%s_%d_%llx.pool", dir.c_str(), typeName.c_str(),
+           static_cast<int>(getpid()),
+           static_cast<unsigned long long>(now.tv_sec) * 1000000000ull +
+               static_cast<unsigned long long>(now.tv_nsec));
+  // Made and locked under a name recovery does not look at, then renamed: no other
+  // process ever sees the pool unlocked.
+  const std::string finalPath = name;
+  const std::string tmpPath = finalPath + ".tmp";
+  Resolved tmp(tmpPath);
+  Resolved fin(finalPath);
+  int fd = ::open(tmp.str, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    *why = errnoText("create", errno);
+    return false;
+  }
+  fchmod(fd, 0666);
+  auto fail = [&](const std::string& reason) {
+    *why = reason;
+    ::close(fd);
+    unlink(tmp.str);
+    return false;
+  };
+  if (!lockWhole(fd)) return fail(errnoText("lock", errno));
+  if (int err = posix_fallocate(fd, 0, static_cast<off_t>(kAreaBytes)))
+    return fail(errnoText("reserve", err));
+  void* head = mmap(nullptr, kAreaBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (head == MAP_FAILED) return fail(errnoText("map", errno));
+  auto* header = static_cast<PoolHeader*>(head);
+  header->version = kVersion;
+  header->loggerType = loggerType;
+  header->pid = static_cast<uint32_t>(getpid());
+  header->blockSize = kBlockSize;
+  header->blocksPerChunk = kBlocksPerChunk;
+  header->chunkCount = 0;
+  header->areaBytes = kAreaBytes;
+  header->chunkBytes = kChunkBytes;
+  header->createdNs = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+  __atomic_thread_fence(__ATOMIC_RELEASE);
+  memcpy(header->magic, kMagic, sizeof(kMagic));
+  if (rename(tmp.str, fin.str) != 0) {
+    munmap(head, kAreaBytes);
+    return fail(errnoText("rename", errno));
+  }
+  mFd = fd;
+  mHeader = header;
+  mPath = finalPath;
+  return true;
+}
+
+bool PoolFile::grow(Chunk* out, std::string* why) {
+  if (mHeader != nullptr) {
+    const uint32_t n = mHeader->chunkCount;
+    const uint64_t off = kAreaBytes + n * kChunkBytes;
+    // Reserved first: a store into a sparse page of a full disk would kill the process.
+    if (int err = posix_fallocate(mFd, static_cast<off_t>(off), static_cast<off_t>(kChunkBytes))) {
+      *why = errnoText("reserve", err);
+    } else {
+      void* base =
+          mmap(nullptr, kChunkBytes, PROT_READ | PROT_WRITE, MAP_SHARED, mFd, static_cast<off_t>(off));
+      if (base == MAP_FAILED) {
+        *why = errnoText("map", errno);
+      } else {
+        out->base = static_cast<uint8_t*>(base);
+        out->fileChunk = static_cast<int>(n);
+        mChunks.push_back(*out);
+        storeRelease(&mHeader->chunkCount, n + 1);
+        return true;
+      }
+    }
+  }
+  void* base = mmap(nullptr, kChunkBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (base == MAP_FAILED) return false;
+  out->base = static_cast<uint8_t*>(base);
+  out->fileChunk = -1;
+  mChunks.push_back(*out);
+  return true;
+}
+
+void PoolFile::close(bool remove) {
+  for (const Chunk& c : mChunks) munmap(c.base, kChunkBytes);
+  mChunks.clear();
+  if (mHeader != nullptr) munmap(mHeader, kAreaBytes);
+  mHeader = nullptr;
+  if (mFd >= 0) {
+    // Removed before the lock goes: a recoverer that opened it meanwhile finds it unlinked.
+    if (remove) {
+      Resolved path(mPath);
+      unlink(path.str);
+    }
+    ::close(mFd);
+  }
+  mFd = -1;
+  mPath.clear();
+}
+
+// ---- recovery ----
+
+namespace {
+
+struct FoundBlock {
+  uint32_t fileBlock;
+  BlockDesc desc;
+};
+
+class DeadPool {
+ public:
+  DeadPool(int fd, std::string path, const char* logDir) : mFd(fd), mPath(std::move(path)), mLogDir(logDir) {}
+
+  // False when the file cannot be trusted at all.
+  bool load(uint32_t loggerType, std::string* why) {
+    struct stat st;
+    if (fstat(mFd, &st) != 0) {
+      *why = errnoText("stat", errno);
+      return false;
+    }
+    if (static_cast<uint64_t>(st.st_size) < sizeof(PoolHeader) ||
+        !readAt(mFd, &mHeader, sizeof(mHeader), 0)) {
+      *why = "too short for a header";
+      return false;
+    }
+    if (memcmp(mHeader.magic, kMagic, sizeof(kMagic)) != 0 || mHeader.version != kVersion) {
+      *why = "not a pool file";
+      return false;
+    }
+    if (mHeader.blockSize != kBlockSize || mHeader.blocksPerChunk != kBlocksPerChunk ||
+        mHeader.areaBytes != kAreaBytes || mHeader.chunkBytes != kChunkBytes ||
+        mHeader.loggerType != loggerType) {
+      *why = "unknown layout";
+      return false;
+    }
+    const uint64_t whole = static_cast<uint64_t>(st.st_size) < kAreaBytes
+                               ? 0
+                               : (static_cast<uint64_t>(st.st_size) - kAreaBytes) / kChunkBytes;
+    mChunks = static_cast<uint32_t>(std::min<uint64_t>(mHeader.chunkCount, whole));
+    if (mChunks < mHeader.chunkCount)
+      ZU_DBG_LOGE("OfflineLogger pool file %s is cut short: %u of %u chunks readable", mPath.c_str(), mChunks,
+                  mHeader.chunkCount);
+    return true;
+  }
+
+  // A write the owner did not finish: completed, or cut back to where it started.
+  void settlePendingWrite() {
+    WriteIntent& in = mHeader.intent;
+    if (in.state == 0) return;
+    BlockDesc desc;
+    if (trustedTarget(in) && in.block < mChunks * kBlocksPerChunk && readDesc(in.block, &desc) &&
+        desc.flushed == in.from && in.from < in.to && in.to <= desc.used && desc.used <= kBlockSize) {
+      Resolved target(in.file);
+      struct stat st;
+      bool done = true;  // a target that is gone took the bytes with it
+      if (stat(target.str, &st) == 0) {
+        const uint64_t size = static_cast<uint64_t>(st.st_size);
+        done = size >= in.fileOffset + (in.to - in.from);
+        if (!done && size > in.fileOffset && truncate(target.str, static_cast<off_t>(in.fileOffset)) != 0)
+          ZU_DBG_LOGE("OfflineLogger cannot cut the torn tail off %s: %s", in.file, strerror(errno));
+      }
+      if (done) {
+        desc.flushed = in.to;
+        writeAt(mFd, &desc.flushed, sizeof(desc.flushed),
+                descOffset(in.block) + offsetof(BlockDesc, flushed));
+      }
+    } else {
+      ZU_DBG_LOGE("OfflineLogger pool file %s: pending write record not trusted, ignored", mPath.c_str());
+    }
+    clearIntent();
+  }
+
+  // Blocks holding unflushed bytes, in the order they were taken.
+  std::vector<FoundBlock> blocksToRecover() {
+    std::vector<FoundBlock> out;
+    uint32_t untrusted = 0;
+    BlockDesc descs[kBlocksPerChunk];
+    for (uint32_t c = 0; c < mChunks; ++c) {
+      if (!readAt(mFd, descs, sizeof(descs), kAreaBytes + c * kChunkBytes)) {
+        untrusted += kBlocksPerChunk;
+        continue;
+      }
+      for (uint32_t i = 0; i < kBlocksPerChunk; ++i) {
+        const BlockDesc& d = descs[i];
+        if (d.state > kBlockWaiting || d.used > kBlockSize || d.flushed > d.used) {
+          ++untrusted;
+          continue;
+        }
+        if (d.state != kBlockFree && d.used > d.flushed) out.push_back({c * kBlocksPerChunk + i, d});
+      }
+    }
+    if (untrusted > 0)
+      ZU_DBG_LOGE("OfflineLogger pool file %s: %u blocks with impossible counters skipped", mPath.c_str(),
+                  untrusted);
+    std::stable_sort(out.begin(), out.end(),
+                     [](const FoundBlock& a, const FoundBlock& b) { return a.desc.seq < b.desc.seq; });
+    return out;
+  }
+
+  // Writes one block's unflushed bytes through `writer`, recording the write in the
+  // dead pool first, so that a recoverer killed meanwhile leaves it to the next one.
+  bool recoverBlock(const FoundBlock& b, uint8_t* buf, RecoveryWriter& writer) {
+    const uint32_t len = b.desc.used - b.desc.flushed;
+    if (!readAt(mFd, buf, len, blockOffset(b.fileBlock) + b.desc.flushed)) return false;
+    mPending = {1, b.fileBlock, b.desc.flushed, b.desc.used, 0, {0}};
+    writer.writeRecovered(buf, len, &DeadPool::recordIntent, this);
+    const uint32_t flushed = b.desc.used;
+    writeAt(mFd, &flushed, sizeof(flushed), descOffset(b.fileBlock) + offsetof(BlockDesc, flushed));
+    clearIntent();
+    return true;
+  }
+
+  bool announced() const { return mHeader.announced != 0; }
+  void markAnnounced() {
+    const uint32_t one = 1;
+    writeAt(mFd, &one, sizeof(one), offsetof(PoolHeader, announced));
+  }
+  uint32_t pid() const { return mHeader.pid; }
+
+ private:
+  static void recordIntent(void* ctx, const char* file, uint64_t offset) {
+    auto* self = static_cast<DeadPool*>(ctx);
+    WriteIntent in = self->mPending;
+    in.state = 0;
+    in.fileOffset = offset;
+    snprintf(in.file, sizeof(in.file), "%s", file);
+    // Everything but the flag first, then the flag.
+    writeAt(self->mFd, &in, sizeof(in), offsetof(PoolHeader, intent));
+    const uint32_t one = 1;
+    writeAt(self->mFd, &one, sizeof(one), offsetof(PoolHeader, intent) + offsetof(WriteIntent, state));
+  }
+
+  void clearIntent() {
+    const uint32_t zero = 0;
+    writeAt(mFd, &zero, sizeof(zero), offsetof(PoolHeader, intent) + offsetof(WriteIntent, state));
+    mHeader.intent.state = 0;
+  }
+
+  bool readDesc(uint32_t block, BlockDesc* d) { return readAt(mFd, d, sizeof(*d), descOffset(block)); }
+
+  // Only a log file of our own directory may be cut back.
+  bool trustedTarget(const WriteIntent& in) const {
+    if (memchr(in.file, '\0', sizeof(in.file)) == nullptr) return false;
+    const size_t n = strlen(mLogDir);
+    return strncmp(in.file, mLogDir, n) == 0 && in.file[n] == '/' && strstr(in.file, "/..") == nullptr &&
+           strncmp(in.file + n + 1, "ZuCam_", 6) == 0;
+  }
+
+  int mFd;
+  std::string mPath;
+  const char* mLogDir;
+  PoolHeader mHeader{};
+  uint32_t mChunks = 0;
+  WriteIntent mPending{};
+};
+
+// A ".tmp" pool that nobody holds is a creation the process did not live to finish.
+void removeAbandonedTmp(const std::string& path) {
+  Resolved p(path);
+  int fd = ::open(p.str, O_RDWR | O_CLOEXEC);
+  if (fd < 0) return;
+  struct stat st;
+  if (lockWhole(fd) && fstat(fd, &st) == 0 && time(nullptr) - st.st_mtime > 60) unlink(p.str);
+  ::close(fd);
+}
+
+}  // namespace
+
+int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32_t loggerType,
+                     const char* logDir, RecoveryWriter& writer) {
+  const std::string prefix = "ZuCam_" + typeName + "_";
+  std::vector<std::string> names;
+  {
+    Resolved d(dir);
+    DIR* dp = opendir(d.str);
+    if (dp == nullptr) return 0;
+    while (dirent* e = readdir(dp)) {
+      const std::string name = e->d_name;
+      if (name.compare(0, prefix.size(), prefix) != 0) continue;
+      if (hasSuffix(name, ".pool")) names.push_back(name);
+      if (hasSuffix(name, ".pool.tmp")) removeAbandonedTmp(dir + "/" + name);
+    }
+    closedir(dp);
+  }
+  std::sort(names.begin(), names.end());
+  std::unique_ptr<uint8_t[]> buf;
+  int recovered = 0;
+  for (const std::string& name : names) {
+    const std::string path = dir + "/" + name;
+    Resolved p(path);
+    const int fd = ::open(p.str, O_RDWR | O_CLOEXEC);
+    if (fd < 0) continue;  // removed by another recoverer meanwhile
+    struct stat st;
+    // Held by its owner, or by another process recovering it right now.
+    if (!lockWhole(fd) || fstat(fd, &st) != 0 || st.st_nlink == 0) {
+      ::close(fd);
+      continue;
+    }
+    DeadPool dead(fd, path, logDir);
+    std::string why;
+    if (!dead.load(loggerType, &why)) {
+      ZU_DBG_LOGE("OfflineLogger pool file %s cannot be trusted (%s): removed without recovery", path.c_str(),
+                  why.c_str());
+      unlink(p.str);
+      ::close(fd);
+      continue;
+    }
+    dead.settlePendingWrite();
+    const std::vector<FoundBlock> blocks = dead.blocksToRecover();
+    uint64_t total = 0;
+    for (const FoundBlock& b : blocks) total += b.desc.used - b.desc.flushed;
+    if (total > 0 && !dead.announced()) {
+      writer.writeNotice(total, dead.pid(), path.c_str());
+      dead.markAnnounced();
+    }
+    if (!blocks.empty() && !buf) buf.reset(new uint8_t[kBlockSize]);
+    for (const FoundBlock& b : blocks) {
+      if (!dead.recoverBlock(b, buf.get(), writer))
+        ZU_DBG_LOGE("OfflineLogger pool file %s: block %u unreadable, skipped", path.c_str(), b.fileBlock);
+    }
+    ZU_DBG_LOGI("OfflineLogger recovered %llu bytes of process %u from %s",
+                static_cast<unsigned long long>(total), dead.pid(), path.c_str());
+    unlink(p.str);
+    ::close(fd);
+    ++recovered;
+  }
+  return recovered;
+}
+
+}  // namespace pool
+}  // namespace zudebug

@@ -1,0 +1,146 @@
+// Durable queue memory of the offline logger (internal, not installed).
+//
+// A logger's 1 MiB blocks live in a file mapped MAP_SHARED, one file per logger type
+// and process, so that the kernel keeps every appended byte when the process dies,
+// SIGKILL included. Next to the blocks the file holds what the next start needs to
+// write the unflushed lines exactly once: per block its owner, its complete bytes and
+// how much of it is already in a log file, plus the one file write under way.
+//
+// File layout (all offsets multiples of 64 KiB, so that any page size maps them):
+//   [0, 64 KiB)                 PoolHeader
+//   chunk c at 64 KiB + c * kChunkBytes:
+//     [0, 64 KiB)               16 BlockDesc of the chunk's blocks
+//     [64 KiB, 64 KiB + 16 MiB) the 16 blocks
+// The owner holds an open-file-description write lock on the whole file for as long
+// as it lives: a file that can be locked belongs to a process that is gone.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+namespace zudebug {
+namespace pool {
+
+constexpr uint32_t kBlockSize = 1048576;
+constexpr uint32_t kBlocksPerChunk = 16;
+constexpr uint64_t kAreaBytes = 65536;  // the header, and each chunk's descriptor area
+constexpr uint64_t kChunkBytes = kAreaBytes + static_cast<uint64_t>(kBlocksPerChunk) * kBlockSize;
+constexpr uint32_t kVersion = 1;
+constexpr char kMagic[8] = {'Z', 'U', 'P', 'O', 'O', 'L', '1', '\0'};
+
+// Default directory of the pool files, and the property that moves it (for example
+// onto a RAM file system, to spare flash).
+constexpr const char* kDefaultPoolDir = "/data/vendor/camera/offlinelog/.pool";
+constexpr const char* kPoolDirProperty = "persist.vendor.camera.offlinelog.pooldir";
+
+enum BlockState : uint32_t { kBlockFree = 0, kBlockOwned = 1, kBlockWaiting = 2 };
+
+// One per block. Written by the block's owner (used) and by the flusher (flushed)
+// with atomic stores, so that a reader in another process, after a kill, sees a
+// prefix of complete lines.
+struct BlockDesc {
+  uint32_t state;    // BlockState
+  uint32_t tid;      // owner thread
+  uint32_t used;     // complete bytes in the block
+  uint32_t flushed;  // bytes of the block already written to a log file
+  uint64_t seq;      // order in which blocks were taken: recovery writes in this order
+  uint8_t pad[40];
+};
+static_assert(sizeof(BlockDesc) == 64, "one cache line per block");
+
+// The file write under way, if any: when the process dies inside it, the next start
+// finds out from the target file's size whether the write completed, and cuts a torn
+// tail off.
+struct WriteIntent {
+  uint32_t state;  // 1 while the write runs
+  uint32_t block;  // block index in the pool file
+  uint32_t from;   // the block's bytes [from, to) are being written
+  uint32_t to;
+  uint64_t fileOffset;  // size of the target file before the write
+  char file[488];       // device path of the target file
+};
+
+struct PoolHeader {
+  char magic[8];
+  uint32_t version;
+  uint32_t loggerType;
+  uint32_t pid;
+  uint32_t blockSize;
+  uint32_t blocksPerChunk;
+  uint32_t chunkCount;  // chunks reserved on disk and described
+  uint64_t areaBytes;
+  uint64_t chunkBytes;
+  uint64_t createdNs;  // real-time clock at creation
+  uint32_t announced;  // a recoverer has written its notice line
+  uint32_t reserved;
+  WriteIntent intent;
+};
+
+inline uint32_t loadAcquire(const uint32_t* p) { return __atomic_load_n(p, __ATOMIC_ACQUIRE); }
+inline void storeRelease(uint32_t* p, uint32_t v) { __atomic_store_n(p, v, __ATOMIC_RELEASE); }
+
+// One mapped (or, after a failure, anonymous) chunk: 16 descriptors and 16 blocks.
+struct Chunk {
+  uint8_t* base = nullptr;
+  int fileChunk = -1;  // chunk index in the pool file; -1 for anonymous memory
+  BlockDesc* desc(uint32_t i) const { return reinterpret_cast<BlockDesc*>(base) + i; }
+  uint8_t* block(uint32_t i) const { return base + kAreaBytes + static_cast<uint64_t>(i) * kBlockSize; }
+};
+
+// The owner's side of a pool file.
+class PoolFile {
+ public:
+  PoolFile() = default;
+  ~PoolFile() { close(true); }
+  PoolFile(const PoolFile&) = delete;
+  PoolFile& operator=(const PoolFile&) = delete;
+
+  // Creates "<dir>/ZuCam_<type>_<pid>_<stamp>.pool" (device paths), locks and maps it.
+  // On failure returns false with the reason in `why`; the pool then lives in memory.
+  bool create(const std::string& dir, const std::string& typeName, uint32_t loggerType, std::string* why);
+  bool isOpen() const { return mHeader != nullptr; }
+  // Adds one chunk: reserved on disk and mapped when the file is open, otherwise (or
+  // when that fails, with the reason in `why`) anonymous memory. False when no memory
+  // at all could be had.
+  bool grow(Chunk* out, std::string* why);
+  PoolHeader* header() const { return mHeader; }
+  const std::string& path() const { return mPath; }
+  // Unmaps every chunk and the header; removes the file when asked.
+  void close(bool remove);
+
+ private:
+  int mFd = -1;
+  PoolHeader* mHeader = nullptr;
+  std::string mPath;  // device path
+  std::vector<Chunk> mChunks;
+};
+
+// The recoverer's side: writes what a dead process left into the recoverer's files.
+class RecoveryWriter {
+ public:
+  virtual ~RecoveryWriter() = default;
+  // Appends `len` bytes to the current log file, calling `intent` with the file's
+  // device path and its size before the write, just before writing. False when the
+  // bytes could not be written (they are then lost, as a failed flush loses a queue).
+  virtual bool writeRecovered(const uint8_t* data, uint32_t len,
+                              void (*intent)(void* ctx, const char* file, uint64_t offset), void* ctx) = 0;
+  // Formats and appends the line that announces a recovered stretch.
+  virtual void writeNotice(uint64_t bytes, uint32_t pid, const char* poolFile) = 0;
+};
+
+// Recovers every pool file of `typeName` in `dir` whose owner is gone, removes it,
+// and returns the number of files recovered. `logDir` is the offline directory whose
+// files a pending write may have targeted.
+int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32_t loggerType,
+                     const char* logDir, RecoveryWriter& writer);
+
+// Formats one line in the offline layout, as the library's own diagnostics appear
+// there (defined with the line emitter). Returns its length, "\n" included.
+size_t formatDiagnosticLine(char* buf, size_t size, const char* level, const char* file, const char* func,
+                            int line, const char* fmt, ...) __attribute__((format(printf, 7, 8)));
+
+}  // namespace pool
+}  // namespace zudebug
