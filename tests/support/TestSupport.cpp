@@ -85,8 +85,11 @@ int ChildResult::termSignal() const { return WIFSIGNALED(status) ? WTERMSIG(stat
 
 bool inChild() { return getenv("ZUDEBUG_TEST_CHILD") != nullptr; }
 
-ChildResult runProgram(const std::vector<std::string>& argv, const TempRoot& root,
-                       const std::map<std::string, std::string>& env) {
+namespace {
+
+// Environment of a child: ours, with the host controls pointing into `root`.
+std::vector<std::string> childEnvironment(const TempRoot& root,
+                                          const std::map<std::string, std::string>& env) {
   std::map<std::string, std::string> vars;
   for (char** e = environ; *e != nullptr; ++e) {
     const char* eq = strchr(*e, '=');
@@ -104,8 +107,15 @@ ChildResult runProgram(const std::vector<std::string>& argv, const TempRoot& roo
     else
       vars[kv.first] = kv.second;
   }
-  std::vector<std::string> envStrings;
-  for (const auto& kv : vars) envStrings.push_back(kv.first + "=" + kv.second);
+  std::vector<std::string> out;
+  for (const auto& kv : vars) out.push_back(kv.first + "=" + kv.second);
+  return out;
+}
+
+// Forks and executes `argv` in `root` with output on `outFd`.
+pid_t launch(const std::vector<std::string>& argv, const TempRoot& root,
+             const std::map<std::string, std::string>& env, int outFd) {
+  std::vector<std::string> envStrings = childEnvironment(root, env);
   std::vector<char*> envp;
   for (auto& s : envStrings) envp.push_back(&s[0]);
   envp.push_back(nullptr);
@@ -113,18 +123,33 @@ ChildResult runProgram(const std::vector<std::string>& argv, const TempRoot& roo
   std::vector<char*> argp;
   for (auto& s : args) argp.push_back(&s[0]);
   argp.push_back(nullptr);
-
-  int pipefd[2];
-  ChildResult result;
-  if (pipe2(pipefd, O_CLOEXEC) != 0) return result;
   pid_t pid = fork();
   if (pid == 0) {
-    dup2(pipefd[1], STDOUT_FILENO);
-    dup2(pipefd[1], STDERR_FILENO);
+    dup2(outFd, STDOUT_FILENO);
+    dup2(outFd, STDERR_FILENO);
     if (chdir(root.dir().c_str()) != 0) _exit(126);
     execve(argp[0], argp.data(), envp.data());
     _exit(127);
   }
+  return pid;
+}
+
+std::string selfExe() {
+  char self[4096];
+  ssize_t len = readlink("/proc/self/exe", self, sizeof(self) - 1);
+  if (len <= 0) return "";
+  self[len] = '\0';
+  return self;
+}
+
+}  // namespace
+
+ChildResult runProgram(const std::vector<std::string>& argv, const TempRoot& root,
+                       const std::map<std::string, std::string>& env) {
+  int pipefd[2];
+  ChildResult result;
+  if (pipe2(pipefd, O_CLOEXEC) != 0) return result;
+  const pid_t pid = launch(argv, root, env, pipefd[1]);
   close(pipefd[1]);
   char buf[4096];
   ssize_t n;
@@ -136,17 +161,33 @@ ChildResult runProgram(const std::vector<std::string>& argv, const TempRoot& roo
     result.output.append(buf, static_cast<size_t>(n));
   }
   close(pipefd[0]);
+  if (pid > 0) waitpid(pid, &result.status, 0);
+  return result;
+}
+
+int spawnChild(const std::string& testName, const TempRoot& root,
+               const std::map<std::string, std::string>& env) {
+  static int serial = 0;
+  const std::string out = root.path("child-" + std::to_string(++serial) + ".out");
+  const int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return -1;
+  const pid_t pid = launch({selfExe(), "--gtest_filter=" + testName}, root, env, fd);
+  close(fd);
+  if (pid > 0) rename(out.c_str(), root.path("child-" + std::to_string(pid) + ".out").c_str());
+  return pid;
+}
+
+ChildResult waitChild(int pid, const TempRoot& root) {
+  ChildResult result;
+  if (pid <= 0) return result;
   waitpid(pid, &result.status, 0);
+  result.output = readFile(root.path("child-" + std::to_string(pid) + ".out"));
   return result;
 }
 
 ChildResult runChild(const std::string& testName, const TempRoot& root,
                      const std::map<std::string, std::string>& env) {
-  char self[4096];
-  ssize_t len = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (len <= 0) return ChildResult{};
-  self[len] = '\0';
-  return runProgram({self, "--gtest_filter=" + testName}, root, env);
+  return runProgram({selfExe(), "--gtest_filter=" + testName}, root, env);
 }
 
 std::string readFile(const std::string& path) {

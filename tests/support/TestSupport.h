@@ -52,6 +52,12 @@ ChildResult runChild(const std::string& testName, const TempRoot& root,
 ChildResult runProgram(const std::vector<std::string>& argv, const TempRoot& root,
                        const std::map<std::string, std::string>& env = {});
 
+// Starts OfflineLogger-style children like runChild, without waiting: the child's
+// output goes to "child-<pid>.out" in the root. waitChild reaps it.
+int spawnChild(const std::string& testName, const TempRoot& root,
+               const std::map<std::string, std::string>& env = {});
+ChildResult waitChild(int pid, const TempRoot& root);
+
 bool inChild();
 std::string readFile(const std::string& path);
 std::vector<std::string> readLines(const std::string& path);

@@ -1,0 +1,460 @@
+// Offline log across the death of its process: queues in a mapped pool file, recovered
+// by the next start of any process on the same directory, every accepted line on disk
+// exactly once. Writers run in child processes that are killed, exit or abort; each
+// thread records how many of its lines were accepted in a file mapping that outlives
+// the kill.
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+#include "ZuDebugUtils.h"
+#include "ZuOfflinePool.h"
+
+using namespace zudebug;
+using namespace zutest;
+
+namespace {
+
+const std::string kDir = "data/vendor/camera/offlinelog/";
+const std::string kPoolDir = kDir + ".pool/";
+constexpr int kMaxThreads = 16;
+
+ZuDebugInterface* facade() { return ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug); }
+
+std::string env(const char* name, const char* fallback = "") {
+  const char* v = getenv(name);
+  return v != nullptr ? v : fallback;
+}
+
+void logNumbered(int thread, int number) {
+  Log::logSystem(64, "I", "stress.cpp", "run", 1, "T%d %d", thread, number);
+}
+
+// Per-thread accepted counts, shared with the parent through a file.
+uint32_t* mapCounts(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT, 0644);
+  if (fd < 0 || ftruncate(fd, kMaxThreads * sizeof(uint32_t)) != 0) return nullptr;
+  void* p = mmap(nullptr, kMaxThreads * sizeof(uint32_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  close(fd);
+  return p == MAP_FAILED ? nullptr : static_cast<uint32_t*>(p);
+}
+
+std::vector<uint32_t> readCounts(const std::string& path) {
+  const std::string bytes = readFile(path);
+  std::vector<uint32_t> counts(kMaxThreads, 0);
+  memcpy(counts.data(), bytes.data(), std::min(bytes.size(), counts.size() * sizeof(uint32_t)));
+  return counts;
+}
+
+std::vector<std::string> poolFiles(const TempRoot& root) {
+  std::vector<std::string> out;
+  for (const std::string& name : listDir(root.path(kPoolDir)))
+    if (name.find(".pool") != std::string::npos) out.push_back(name);
+  return out;
+}
+
+std::vector<std::string> debugFiles(const TempRoot& root) {
+  std::vector<std::string> out;
+  for (const std::string& name : listDir(root.path(kDir)))
+    if (name.rfind("ZuCam_Debug_2", 0) == 0 && name.rfind("ZuCam_Debug_2001", 0) != 0) out.push_back(name);
+  return out;
+}
+
+std::string allLogText(const TempRoot& root) {
+  std::string text;
+  for (const std::string& name : debugFiles(root)) text += readFile(root.path(kDir + name));
+  return text;
+}
+
+// Every numbered line on disk is whole and there once; thread t has each of its
+// numbers below accepted[t], and at most the one it was writing when it died.
+void expectExactlyOnce(const std::string& text, const std::vector<uint32_t>& accepted, int firstThread,
+                       int threads) {
+  std::map<std::pair<int, int>, int> seen;
+  size_t start = 0, torn = 0;
+  for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1) {
+    const std::string line = text.substr(start, nl - start);
+    const size_t at = line.find(" ZuCamHAL [HAL ] stress.cpp:1 run() T");
+    int t = -1, n = -1, end = 0;
+    if (at != std::string::npos && line[2] == '-' && line[14] == ':' &&
+        sscanf(line.c_str() + at + 37, "%d %d%n", &t, &n, &end) == 2 && at + 37 + end == line.size()) {
+      ++seen[{t, n}];
+    } else if (line.find(" ZuCamDebug [Debug] ") == std::string::npos) {
+      ADD_FAILURE() << "torn line: " << line.substr(0, 200);
+      if (++torn > 5) return;
+    }
+  }
+  EXPECT_EQ(start, text.size()) << "unterminated last line";
+  for (int t = firstThread; t < firstThread + threads; ++t) {
+    size_t missing = 0;
+    for (uint32_t n = 0; n < accepted[t]; ++n) missing += seen.count({t, static_cast<int>(n)}) == 0;
+    EXPECT_EQ(missing, 0u) << "thread " << t << " lost accepted lines of " << accepted[t];
+    for (int extra = static_cast<int>(accepted[t]) + 1; seen.count({t, extra}) != 0; ++extra)
+      ADD_FAILURE() << "thread " << t << " line " << extra << " was never accepted";
+  }
+  for (const auto& entry : seen)
+    if (entry.second != 1)
+      ADD_FAILURE() << "T" << entry.first.first << " " << entry.first.second << " written " << entry.second
+                    << " times";
+}
+
+std::map<std::string, std::string> writerEnv(const TempRoot& root, const std::string& mode, int base = 0,
+                                             const std::string& counts = "counts.bin") {
+  return {{"MODE", mode}, {"BASE", std::to_string(base)}, {"COUNTS", root.path(counts)}};
+}
+
+void setMask(const TempRoot& root, std::map<std::string, std::string> props = {}) {
+  props["persist.vendor.camera.offlinedebug.mask"] = "1";
+  root.setProps(props);
+}
+
+// A new process starts its logger on the same root, recovers what it finds and stops.
+void restart(const TempRoot& root) {
+  const ChildResult r = runChild("OfflineDurability.RestartChild", root);
+  EXPECT_EQ(r.exitCode(), 0) << r.output;
+}
+
+// Waits until the writer's threads together accepted `lines`, or it died.
+void waitForLines(const TempRoot& root, int pid, uint32_t lines, const std::string& counts = "counts.bin") {
+  for (int i = 0; i < 30000; ++i) {
+    uint32_t sum = 0;
+    for (uint32_t c : readCounts(root.path(counts))) sum += c;
+    if (sum >= lines || kill(pid, 0) != 0) return;
+    usleep(1000);
+  }
+}
+
+}  // namespace
+
+// ---- children ----
+
+// Four threads (numbered from BASE) log numbered lines; after each accepted line the
+// thread's count goes to the COUNTS mapping. MODE:
+//   busy    LINES lines per thread (default 40000) as fast as they go, then wait
+//   forced  the same, while another thread forces a flush every millisecond
+//   idle    500 lines per thread, then wait: everything still in memory
+//   exit    500 lines per thread, then exit(0) without stopping the logger
+//   abort   500 lines per thread, then abort() with no crash catcher installed
+// Waiting children are killed by the parent.
+TEST(OfflineDurability, WriterChild) {
+  ZU_CHILD_ONLY();
+  const std::string mode = env("MODE");
+  const int base = atoi(env("BASE", "0").c_str());
+  const bool fast = mode == "busy" || mode == "forced";
+  const int lines = fast ? atoi(env("LINES", "40000").c_str()) : 500;
+  uint32_t* counts = mapCounts(env("COUNTS"));
+  ASSERT_NE(counts, nullptr);
+  ASSERT_EQ(facade()->startOfflineLogger(), 0);
+  std::atomic<bool> writing{true};
+  std::thread flusher([&] {
+    while (mode == "forced" && writing) {
+      facade()->flushLogToFileInterface(true);
+      usleep(1000);
+    }
+  });
+  std::vector<std::thread> threads;
+  for (int t = base; t < base + 4; ++t)
+    threads.emplace_back([=] {
+      for (int i = 0; i < lines; ++i) {
+        logNumbered(t, i);
+        __atomic_store_n(&counts[t], static_cast<uint32_t>(i + 1), __ATOMIC_RELEASE);
+      }
+    });
+  for (auto& t : threads) t.join();
+  writing = false;
+  flusher.join();
+  if (mode == "exit") exit(0);
+  if (mode == "abort") abort();
+  for (;;) pause();
+}
+
+TEST(OfflineDurability, RestartChild) {
+  ZU_CHILD_ONLY();
+  ASSERT_EQ(facade()->startOfflineLogger(), 0);
+  facade()->stopOfflineLogger();
+}
+
+// ---- a process that dies keeps its lines ----
+
+TEST(OfflineDurability, KilledAtVariedMoments) {
+  // Idle (all in memory), then while threads append, hand queues over and the flush
+  // thread writes, at several moments, and while another thread forces flushes.
+  const struct {
+    const char* mode;
+    uint32_t killAfterLines;
+  } cases[] = {{"idle", 2000},   {"busy", 1},       {"busy", 20000},  {"busy", 60000},
+               {"busy", 120000}, {"forced", 10000}, {"forced", 80000}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.mode) + " after " + std::to_string(c.killAfterLines) + " lines");
+    TempRoot root;
+    setMask(root);
+    const int pid = spawnChild("OfflineDurability.WriterChild", root, writerEnv(root, c.mode));
+    waitForLines(root, pid, c.killAfterLines);
+    kill(pid, SIGKILL);
+    const ChildResult killed = waitChild(pid, root);
+    ASSERT_EQ(killed.termSignal(), SIGKILL) << killed.output;
+    ASSERT_EQ(poolFiles(root).size(), 1u) << "the dead writer's pool stays for recovery";
+    restart(root);
+    EXPECT_EQ(poolFiles(root).size(), 0u);
+    const std::string text = allLogText(root);
+    expectExactlyOnce(text, readCounts(root.path("counts.bin")), 0, 4);
+    EXPECT_LE(countSubstr(text, "OfflineLogger recovered "), 1u);
+    if (std::string(c.mode) == "idle") {
+      EXPECT_EQ(countSubstr(text, "OfflineLogger recovered "), 1u);
+      EXPECT_NE(text.find("from /" + kPoolDir + "ZuCam_Debug_" + std::to_string(pid) + "_"),
+                std::string::npos);
+    }
+  }
+}
+
+TEST(OfflineDurability, ExitOrAbortWithoutStop) {
+  for (const char* mode : {"exit", "abort"}) {
+    SCOPED_TRACE(mode);
+    TempRoot root;
+    setMask(root);
+    const ChildResult r =
+        waitChild(spawnChild("OfflineDurability.WriterChild", root, writerEnv(root, mode)), root);
+    EXPECT_EQ(std::string(mode) == "exit" ? r.exitCode() : r.termSignal(),
+              std::string(mode) == "exit" ? 0 : SIGABRT)
+        << r.output;
+    restart(root);
+    const std::vector<uint32_t> counts = readCounts(root.path("counts.bin"));
+    for (int t = 0; t < 4; ++t) EXPECT_EQ(counts[t], 500u);
+    expectExactlyOnce(allLogText(root), counts, 0, 4);
+    EXPECT_EQ(poolFiles(root).size(), 0u);
+  }
+}
+
+// Two writers die together; one start recovers both, each exactly once, while a third
+// writer that is alive keeps its pool untouched until it dies too.
+TEST(OfflineDurability, SeveralProcessesOnOneDirectory) {
+  TempRoot root;
+  setMask(root);
+  int pids[3];
+  for (int w = 0; w < 3; ++w) {
+    pids[w] = spawnChild("OfflineDurability.WriterChild", root,
+                         writerEnv(root, "idle", 4 * w, "counts" + std::to_string(w) + ".bin"));
+  }
+  for (int w = 0; w < 3; ++w) waitForLines(root, pids[w], 2000, "counts" + std::to_string(w) + ".bin");
+  kill(pids[0], SIGKILL);
+  kill(pids[1], SIGKILL);
+  for (int w = 0; w < 2; ++w) waitChild(pids[w], root);
+  ASSERT_EQ(poolFiles(root).size(), 3u);
+  // Two restarts at the same moment: each dead pool is recovered by exactly one.
+  const int a = spawnChild("OfflineDurability.RestartChild", root);
+  const int b = spawnChild("OfflineDurability.RestartChild", root);
+  EXPECT_EQ(waitChild(a, root).exitCode(), 0);
+  EXPECT_EQ(waitChild(b, root).exitCode(), 0);
+  const std::vector<std::string> left = poolFiles(root);
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_NE(left[0].find("_" + std::to_string(pids[2]) + "_"), std::string::npos) << "the live writer's pool";
+  std::string text = allLogText(root);
+  EXPECT_EQ(countSubstr(text, "OfflineLogger recovered "), 2u);
+  EXPECT_EQ(countSubstr(text, " T8 "), 0u) << "nothing taken from the live writer";
+  for (int w = 0; w < 2; ++w)
+    expectExactlyOnce(text, readCounts(root.path("counts" + std::to_string(w) + ".bin")), 4 * w, 4);
+
+  kill(pids[2], SIGKILL);
+  waitChild(pids[2], root);
+  restart(root);
+  text = allLogText(root);
+  EXPECT_EQ(countSubstr(text, "OfflineLogger recovered "), 3u);
+  expectExactlyOnce(text, readCounts(root.path("counts2.bin")), 8, 4);
+}
+
+// ---- a write cut short by the kill ----
+
+namespace {
+
+struct PoolImage {
+  std::string path;
+  std::string bytes;
+  pool::PoolHeader* header() { return reinterpret_cast<pool::PoolHeader*>(&bytes[0]); }
+  pool::BlockDesc* desc(uint32_t block) {
+    return reinterpret_cast<pool::BlockDesc*>(
+        &bytes[pool::kAreaBytes + (block / 16) * pool::kChunkBytes + (block % 16) * sizeof(pool::BlockDesc)]);
+  }
+  const char* data(uint32_t block) {
+    return &bytes[pool::kAreaBytes + (block / 16) * pool::kChunkBytes + pool::kAreaBytes +
+                  static_cast<size_t>(block % 16) * pool::kBlockSize];
+  }
+  void save() const {
+    FILE* f = fopen(path.c_str(), "r+b");
+    ASSERT_NE(f, nullptr);
+    fwrite(bytes.data(), 1, bytes.size(), f);
+    fclose(f);
+  }
+};
+
+// Kills an idle writer and loads its pool file.
+PoolImage killedWriterPool(const TempRoot& root) {
+  setMask(root);
+  const int pid = spawnChild("OfflineDurability.WriterChild", root, writerEnv(root, "idle"));
+  waitForLines(root, pid, 2000);
+  kill(pid, SIGKILL);
+  waitChild(pid, root);
+  PoolImage image;
+  const std::vector<std::string> pools = poolFiles(root);
+  if (pools.size() == 1) image.path = root.path(kPoolDir + pools[0]);
+  image.bytes = readFile(image.path);
+  return image;
+}
+
+}  // namespace
+
+TEST(OfflineDurability, WriteCutShortByTheKill) {
+  // The dead process was writing block b's bytes [from, to) into its file when it died:
+  // (a) half of them reached the file, (b) all did but the block was not marked.
+  for (const bool complete : {false, true}) {
+    SCOPED_TRACE(complete ? "write completed" : "write torn");
+    TempRoot root;
+    PoolImage image = killedWriterPool(root);
+    ASSERT_GT(image.bytes.size(), pool::kAreaBytes + pool::kChunkBytes - 1);
+    uint32_t block = 0;
+    while (block < 16 && image.desc(block)->used == 0) ++block;
+    ASSERT_LT(block, 16u);
+    pool::BlockDesc* d = image.desc(block);
+    const std::string target = "/" + kDir + "ZuCam_Debug_2001-01-01--00-00-00-000.txt";
+    const std::string before = "an earlier line of the dead process\n";
+    const uint32_t len = complete ? d->used - d->flushed : (d->used - d->flushed) / 2 + 3;
+    root.writeFile(kDir + "ZuCam_Debug_2001-01-01--00-00-00-000.txt",
+                   before + std::string(image.data(block), len));
+    pool::WriteIntent& in = image.header()->intent;
+    in.state = 1;
+    in.block = block;
+    in.from = d->flushed;
+    in.to = d->used;
+    in.fileOffset = before.size();
+    snprintf(in.file, sizeof(in.file), "%s", target.c_str());
+    image.save();
+
+    restart(root);
+    const std::string old = readFile(root.path(kDir + "ZuCam_Debug_2001-01-01--00-00-00-000.txt"));
+    EXPECT_EQ(old.size(), complete ? before.size() + len : before.size()) << "a torn tail is cut off";
+    expectExactlyOnce(old.substr(before.size()) + allLogText(root), readCounts(root.path("counts.bin")), 0,
+                      4);
+  }
+}
+
+// ---- pool files that cannot be trusted ----
+
+TEST(OfflineDurability, DamagedPoolFiles) {
+  TempRoot root;
+  PoolImage image = killedWriterPool(root);
+  ASSERT_FALSE(image.path.empty());
+  const std::string cut = image.bytes.substr(0, pool::kAreaBytes + 5000);
+  // One block with impossible counters is skipped; the others are recovered.
+  image.desc(0)->used = pool::kBlockSize + 1;
+  // A pending write that names a file outside the log directory is ignored.
+  pool::WriteIntent& in = image.header()->intent;
+  in.state = 1;
+  snprintf(in.file, sizeof(in.file), "/odm/etc/camera/zorvex/praxsettings.json");
+  in.fileOffset = 0;
+  image.save();
+  root.writeFile("odm/etc/camera/zorvex/praxsettings.json", "{}");
+  // Garbage under a pool file's name, an empty one, and a pool cut short.
+  root.writeFile(kPoolDir + "ZuCam_Debug_1_1.pool", std::string(200000, '\xa5'));
+  root.writeFile(kPoolDir + "ZuCam_Debug_2_2.pool", "");
+  root.writeFile(kPoolDir + "ZuCam_Debug_3_3.pool", cut);
+
+  restart(root);
+  EXPECT_EQ(poolFiles(root).size(), 0u) << "every dead pool file is removed";
+  EXPECT_EQ(readFile(root.path("odm/etc/camera/zorvex/praxsettings.json")), "{}");
+  const std::string logcat = readFile(root.logcatFile());
+  EXPECT_EQ(countSubstr(logcat, "cannot be trusted (not a pool file)"), 1u);
+  EXPECT_EQ(countSubstr(logcat, "cannot be trusted (too short for a header)"), 1u);
+  EXPECT_EQ(countSubstr(logcat, "is cut short: 0 of 1 chunks readable"), 1u);
+  EXPECT_EQ(countSubstr(logcat, "1 blocks with impossible counters skipped"), 1u);
+  EXPECT_EQ(countSubstr(logcat, "pending write record not trusted"), 1u);
+  // What the damaged block held is gone, the rest is there once.
+  const std::string text = allLogText(root);
+  EXPECT_EQ(countSubstr(text, "OfflineLogger recovered "), 1u);
+  std::map<int, int> perThread;
+  for (int t = 0; t < 4; ++t)
+    perThread[t] = static_cast<int>(countSubstr(text, "run() T" + std::to_string(t) + " "));
+  int total = 0;
+  for (const auto& e : perThread) total += e.second;
+  EXPECT_EQ(total, 3 * 500) << "one thread's block skipped, three recovered";
+}
+
+// ---- the directory ----
+
+// Child: logs LINES numbered lines on one thread and stops.
+TEST(OfflineDurability, LinesChild) {
+  ZU_CHILD_ONLY();
+  ASSERT_EQ(facade()->startOfflineLogger(), 0);
+  const int lines = atoi(env("LINES", "1000").c_str());
+  for (int i = 0; i < lines; ++i) logNumbered(0, i);
+  if (!env("GO").empty()) {
+    // Wait for the parent, then open a file with a forced flush.
+    while (access(env("GO").c_str(), F_OK) != 0) usleep(1000);
+    facade()->flushLogToFileInterface(true);
+  }
+  facade()->stopOfflineLogger();
+}
+
+TEST(OfflineDurability, MissingDirectoryAndPoolFallback) {
+  {
+    SCOPED_TRACE("missing directory");
+    TempRoot root;
+    setMask(root);
+    ASSERT_EQ(system(("rm -rf " + root.path("data")).c_str()), 0);
+    const ChildResult r = runChild("OfflineDurability.LinesChild", root);
+    EXPECT_EQ(r.exitCode(), 0) << r.output;
+    expectExactlyOnce(allLogText(root), std::vector<uint32_t>(kMaxThreads, 1000), 0, 1);
+  }
+  {
+    SCOPED_TRACE("pool directory unusable");
+    TempRoot root;
+    root.writeFile("data/vendor/camera/blocker", "a file, not a directory");
+    setMask(root, {{"persist.vendor.camera.offlinelog.pooldir", "/data/vendor/camera/blocker/pool"}});
+    const ChildResult r = runChild("OfflineDurability.LinesChild", root, {{"LINES", "30000"}});
+    EXPECT_EQ(r.exitCode(), 0) << r.output;
+    expectExactlyOnce(allLogText(root), std::vector<uint32_t>(kMaxThreads, 30000), 0, 1);
+    EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "queues kept in process memory only"), 1u);
+  }
+}
+
+TEST(OfflineDurability, RotationOverTheDirectory) {
+  TempRoot root;
+  setMask(root);
+  root.writeFile("odm/etc/camera/zorvex/praxsettings.json", "{}");
+  // Microseconds are not padded: as text "-24-276813" sorts before "-24-29096" and
+  // "-24-5", though it is later than both.
+  const std::vector<std::string> byTime = {"24-5", "24-40", "24-29096", "24-100000", "24-276813", "24-999999",
+                                           "25-3", "25-21", "25-300",   "25-4000",   "25-123456", "26-7"};
+  for (const std::string& t : byTime)
+    root.writeFile(kDir + "ZuCam_Debug_2001-01-01--00-00-" + t + ".txt", "old\n");
+  // Two processes: one opens its file after the other made its own.
+  const std::string go = root.path("go");
+  const int first = spawnChild("OfflineDurability.LinesChild", root, {{"LINES", "10"}, {"GO", go}});
+  const ChildResult second = runChild("OfflineDurability.LinesChild", root, {{"LINES", "10"}});
+  EXPECT_EQ(second.exitCode(), 0) << second.output;
+  root.writeFile("go", "");
+  EXPECT_EQ(waitChild(first, root).exitCode(), 0);
+
+  std::vector<std::string> debug;
+  for (const std::string& name : listDir(root.offlineDir()))
+    if (name.find("Debug") != std::string::npos) debug.push_back(name);
+  EXPECT_EQ(debug.size(), 10u) << "ten files for the directory, not ten per process";
+  // The four oldest by time went; the newest old ones and both new files stayed.
+  for (size_t i = 0; i < byTime.size(); ++i) {
+    const bool kept = std::find(debug.begin(), debug.end(),
+                                "ZuCam_Debug_2001-01-01--00-00-" + byTime[i] + ".txt") != debug.end();
+    EXPECT_EQ(kept, i >= 4) << byTime[i];
+  }
+  EXPECT_EQ(countSubstr(allLogText(root), "run() T0 "), 20u);
+}
