@@ -7,7 +7,9 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -92,7 +94,8 @@ void expectExactlyOnce(const std::string& text, const std::vector<uint32_t>& acc
     if (at != std::string::npos && line[2] == '-' && line[14] == ':' &&
         sscanf(line.c_str() + at + 37, "%d %d%n", &t, &n, &end) == 2 && at + 37 + end == line.size()) {
       ++seen[{t, n}];
-    } else if (line.find(" ZuCamDebug [Debug] ") == std::string::npos) {
+    } else if (line.find(" ZuCamDebug [Debug] ") == std::string::npos &&
+               line.find(" F DEBUG   : ") == std::string::npos) {
       ADD_FAILURE() << "torn line: " << line.substr(0, 200);
       if (++torn > 5) return;
     }
@@ -148,12 +151,15 @@ void waitForLines(const TempRoot& root, int pid, uint32_t lines, const std::stri
 //   idle    500 lines per thread, then wait: everything still in memory
 //   exit    500 lines per thread, then exit(0) without stopping the logger
 //   abort   500 lines per thread, then abort() with no crash catcher installed
+//   crash   busy, with the crash catcher installed; a fifth thread dies of SIGSEGV
+//           while the others log
 // Waiting children are killed by the parent.
 TEST(OfflineDurability, WriterChild) {
   ZU_CHILD_ONLY();
   const std::string mode = env("MODE");
   const int base = atoi(env("BASE", "0").c_str());
-  const bool fast = mode == "busy" || mode == "forced";
+  const bool fast = mode == "busy" || mode == "forced" || mode == "crash";
+  if (mode == "crash") RegisterSignalHandlers();
   const int lines = fast ? atoi(env("LINES", "40000").c_str()) : 500;
   uint32_t* counts = mapCounts(env("COUNTS"));
   ASSERT_NE(counts, nullptr);
@@ -173,6 +179,14 @@ TEST(OfflineDurability, WriterChild) {
         __atomic_store_n(&counts[t], static_cast<uint32_t>(i + 1), __ATOMIC_RELEASE);
       }
     });
+  if (mode == "crash")
+    std::thread([=] {
+      for (uint32_t sum = 0; sum < 20000; usleep(100)) {
+        sum = 0;
+        for (int t = base; t < base + 4; ++t) sum += __atomic_load_n(&counts[t], __ATOMIC_ACQUIRE);
+      }
+      raise(SIGSEGV);
+    }).detach();
   for (auto& t : threads) t.join();
   writing = false;
   flusher.join();
@@ -218,6 +232,27 @@ TEST(OfflineDurability, KilledAtVariedMoments) {
                 std::string::npos);
     }
   }
+}
+
+// The catcher's record and forced flushes, then the lines the other threads go on
+// appending until the process is gone: all on disk after the next start.
+TEST(OfflineDurability, LinesAfterTheCrashRecord) {
+  TempRoot root;
+  setMask(root);
+  const std::string noHandlers =
+      "handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:handle_abort=0";
+  std::map<std::string, std::string> vars = writerEnv(root, "crash");
+  vars["ASAN_OPTIONS"] = noHandlers;
+  vars["TSAN_OPTIONS"] = noHandlers + ":report_signal_unsafe=0";
+  const ChildResult r = waitChild(spawnChild("OfflineDurability.WriterChild", root, vars), root);
+  ASSERT_EQ(r.termSignal(), SIGSEGV) << r.output;
+  const std::string beforeRestart = allLogText(root);
+  EXPECT_EQ(countSubstr(beforeRestart, " F DEBUG   : pid: "), 1u) << "the record was flushed by the catcher";
+  restart(root);
+  const std::string text = allLogText(root);
+  EXPECT_EQ(countSubstr(text, " F DEBUG   : pid: "), 1u);
+  EXPECT_EQ(countSubstr(text, " F DEBUG   : signal 11, code "), 1u);
+  expectExactlyOnce(text, readCounts(root.path("counts.bin")), 0, 4);
 }
 
 TEST(OfflineDurability, ExitOrAbortWithoutStop) {
@@ -458,3 +493,90 @@ TEST(OfflineDurability, RotationOverTheDirectory) {
   }
   EXPECT_EQ(countSubstr(allLogText(root), "run() T0 "), 20u);
 }
+
+// ---- forks and exhausted memory ----
+
+// Child: a forked process logs into private copies of its queues, never into the
+// blocks of its parent, and leaves the parent's pool file alone. The parent then dies
+// with its lines in memory.
+TEST(OfflineDurability, ForkChild) {
+  ZU_CHILD_ONLY();
+  ASSERT_EQ(facade()->startOfflineLogger(), 0);
+  for (int i = 0; i < 1000; ++i) logNumbered(0, i);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    for (int i = 0; i < 30000; ++i) logNumbered(1, i);
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(listDir(kPoolDir).size(), 1u);
+  raise(SIGKILL);
+}
+
+TEST(OfflineDurability, Fork) {
+  TempRoot root;
+  setMask(root);
+  const ChildResult r = runChild("OfflineDurability.ForkChild", root);
+  EXPECT_EQ(r.termSignal(), SIGKILL) << r.output;
+  restart(root);
+  std::vector<uint32_t> accepted(kMaxThreads, 0);
+  accepted[0] = 1000;
+  const std::string text = allLogText(root);
+  expectExactlyOnce(text, accepted, 0, 1);
+  EXPECT_EQ(countSubstr(text, "run() T1 "), 0u) << "the forked child's lines stayed its own";
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Child: every block is owned and the address space is capped, so the pool cannot
+// grow: the main thread's lines are dropped and counted. Once a block is free again
+// the count reaches the file, ahead of the next line.
+TEST(OfflineDurability, DroppedLinesChild) {
+  ZU_CHILD_ONLY();
+  ASSERT_EQ(facade()->startOfflineLogger(), 0);
+  std::atomic<int> holding{0};
+  std::atomic<bool> release{false};
+  std::vector<std::thread> owners;
+  for (int t = 1; t <= 16; ++t)
+    owners.emplace_back([&, t] {
+      logNumbered(t, 0);
+      ++holding;
+      while (!release) usleep(1000);
+    });
+  while (holding < 16) usleep(1000);
+  long pages = 0;
+  FILE* statm = fopen("/proc/self/statm", "r");
+  ASSERT_NE(statm, nullptr);
+  ASSERT_EQ(fscanf(statm, "%ld", &pages), 1);
+  fclose(statm);
+  struct rlimit old, capped;
+  ASSERT_EQ(getrlimit(RLIMIT_AS, &old), 0);
+  capped = old;
+  capped.rlim_cur = static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (8 << 20);
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &capped), 0);
+  for (int i = 0; i < 10; ++i) logNumbered(0, i);
+  release = true;
+  owners[0].join();  // its block is handed over at exit, and recycled by the flush
+  facade()->flushLogToFileInterface(true);
+  logNumbered(0, 10);
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &old), 0);
+  for (size_t t = 1; t < owners.size(); ++t) owners[t].join();
+  facade()->stopOfflineLogger();
+}
+
+TEST(OfflineDurability, DroppedLinesAreCounted) {
+  TempRoot root;
+  setMask(root);
+  const ChildResult r = runChild("OfflineDurability.DroppedLinesChild", root);
+  EXPECT_EQ(r.exitCode(), 0) << r.output;
+  const std::string text = allLogText(root);
+  const size_t notice = text.find("OfflineLogger dropped 10 lines: no queue memory could be had\n");
+  ASSERT_NE(notice, std::string::npos);
+  const size_t next = text.find('\n', notice) + 1;
+  EXPECT_NE(text.substr(next, text.find('\n', next) - next).find("run() T0 10"), std::string::npos)
+      << "the count comes right before the next line";
+  EXPECT_EQ(countSubstr(text, "run() T0 "), 1u) << "lines 0-9 were dropped";
+  EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "OfflineLogger allocate memory failed"), 10u);
+}
+#endif

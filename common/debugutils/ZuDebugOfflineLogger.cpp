@@ -36,9 +36,15 @@ constexpr float kMinFreeMiB = 3000.0f;             // below this the logger does
 constexpr const char* kLogDir = "/data/vendor/camera/offlinelog";
 constexpr const char* kNoSpaceText = "OfflineLogger detect file system has no space left";
 
-// Thread ids are cached per thread; a forked child must not see its parent's.
+// Thread ids are cached per thread; a forked child must not see its parent's. Nor may
+// it write into its parent's mapped blocks.
 std::atomic<uint32_t> sForkEpoch{1};
-void onForkChild() { sForkEpoch.fetch_add(1, std::memory_order_relaxed); }
+std::atomic<ZuDegbugOfflineLogger*> sLoggers[2];
+void onForkChild() {
+  sForkEpoch.fetch_add(1, std::memory_order_relaxed);
+  for (auto& logger : sLoggers)
+    if (ZuDegbugOfflineLogger* l = logger.load(std::memory_order_acquire)) l->detachPoolAfterFork();
+}
 const int sAtForkRegistered = pthread_atfork(nullptr, nullptr, onForkChild);
 
 struct TidCache {
@@ -233,6 +239,8 @@ ZuDegbugOfflineLogger* ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType ty
     // Never destroyed: threads may log until the very end of the process.
     static ZuDegbugOfflineLogger* pair[2] = {new ZuDegbugOfflineLogger(ZuOfflineLoggerType::Debug),
                                              new ZuDegbugOfflineLogger(ZuOfflineLoggerType::Binary)};
+    sLoggers[0].store(pair[0], std::memory_order_release);
+    sLoggers[1].store(pair[1], std::memory_order_release);
     return pair;
   }();
   return loggers[slotOf(type)];
@@ -242,6 +250,10 @@ ZuDegbugOfflineLogger::ZuDegbugOfflineLogger(ZuOfflineLoggerType type)
     : mZuOfflineLoggerType(type), mTypeName(type == ZuOfflineLoggerType::Debug ? "Debug" : "Binary") {}
 
 ZuDegbugOfflineLogger::~ZuDegbugOfflineLogger() = default;
+
+void ZuDegbugOfflineLogger::detachPoolAfterFork() {
+  if (mPoolFile) mPoolFile->detachAfterFork();
+}
 
 // ---- queues ----
 

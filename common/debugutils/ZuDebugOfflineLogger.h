@@ -162,6 +162,10 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   // each lock records its owner's thread id when taken.
   bool isHeldByCurrentThread() const;
 
+  // Called in a child process right after fork(): the child keeps logging into private
+  // copies of its queues and leaves the parent's pool file to the parent.
+  void detachPoolAfterFork();
+
   // Bounded variants for callers that must not block (a crash handler): every lock is
   // waited for until `deadline` at most. They return false, having changed nothing,
   // when a lock could not be had in time or the calling thread already holds one.

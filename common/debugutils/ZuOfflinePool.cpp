@@ -167,11 +167,32 @@ bool PoolFile::grow(Chunk* out, std::string* why) {
   return true;
 }
 
+void PoolFile::detachAfterFork() {
+  if (mFd < 0) return;
+  for (Chunk& c : mChunks) {
+    if (c.fileChunk < 0) continue;
+    mmap(c.base, kChunkBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, mFd,
+         static_cast<off_t>(kAreaBytes + static_cast<uint64_t>(c.fileChunk) * kChunkBytes));
+    c.fileChunk = -1;
+  }
+  if (mHeader != nullptr) {
+    mmap(mHeader, kAreaBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, mFd, 0);
+    mDetachedHeader = mHeader;
+    mHeader = nullptr;
+  }
+  // The parent keeps the file, its lock and its name.
+  ::close(mFd);
+  mFd = -1;
+  mPath.clear();
+}
+
 void PoolFile::close(bool remove) {
   for (const Chunk& c : mChunks) munmap(c.base, kChunkBytes);
   mChunks.clear();
   if (mHeader != nullptr) munmap(mHeader, kAreaBytes);
   mHeader = nullptr;
+  if (mDetachedHeader != nullptr) munmap(mDetachedHeader, kAreaBytes);
+  mDetachedHeader = nullptr;
   if (mFd >= 0) {
     // Removed before the lock goes: a recoverer that opened it meanwhile finds it unlinked.
     if (remove) {

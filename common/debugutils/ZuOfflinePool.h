@@ -110,10 +110,15 @@ class PoolFile {
   const std::string& path() const { return mPath; }
   // Unmaps every chunk and the header; removes the file when asked.
   void close(bool remove);
+  // In a child after fork(): the mappings become private copies, so that the child's
+  // lines never land in its parent's blocks, and the child lets go of the file.
+  // Single-threaded, no locks: the child holds only the forking thread.
+  void detachAfterFork();
 
  private:
   int mFd = -1;
   PoolHeader* mHeader = nullptr;
+  void* mDetachedHeader = nullptr;
   std::string mPath;  // device path
   std::vector<Chunk> mChunks;
 };
