@@ -216,6 +216,17 @@ LineCursor groupOrigin(char* buf, size_t stampLen, const char* tag, const char* 
   return origin;
 }
 
+// "file:line func() " behind the group origin, for lines that name their call site.
+void putCallSite(LineCursor& origin, const char* file, int line, const char* func) {
+  origin.put(orEmpty(file));
+  origin.put(":", 1);
+  origin.putInt(line);
+  origin.put(" ", 1);
+  origin.put(orEmpty(func));
+  origin.put("() ", 3);
+  origin.terminate();
+}
+
 size_t finishLine(char* buf, size_t used, const char* fmt, va_list ap) {
   long r = 0;
   if (fmt != nullptr) {
@@ -273,13 +284,7 @@ void Log::logSystem(unsigned int group, const char* level, const char* file, con
   const char* tag = zuaGroupToTag(group);
   const char* label = zuaGroupToString(group);
   LineCursor origin = groupOrigin(buf, p, tag, label);
-  origin.put(orEmpty(file));
-  origin.put(":", 1);
-  origin.putInt(line);
-  origin.put(" ", 1);
-  origin.put(orEmpty(func));
-  origin.put("() ", 3);
-  origin.terminate();
+  putCallSite(origin, file, line, func);
   va_list ap;
   va_start(ap, fmt);
   const size_t n = finishLine(buf, origin.pos, fmt, ap);
@@ -331,13 +336,7 @@ size_t formatDiagnosticLine(char* buf, size_t size, const char* level, const cha
   const size_t p = formatStamp(tmp, level);
   LineCursor origin =
       groupOrigin(tmp, p, Log::zuaGroupToTag(ZU_GROUP_DEBUG), Log::zuaGroupToString(ZU_GROUP_DEBUG));
-  origin.put(orEmpty(file));
-  origin.put(":", 1);
-  origin.putInt(line);
-  origin.put(" ", 1);
-  origin.put(orEmpty(func));
-  origin.put("() ", 3);
-  origin.terminate();
+  putCallSite(origin, file, line, func);
   va_list ap;
   va_start(ap, fmt);
   const size_t n = finishLine(tmp, origin.pos, fmt, ap) + 1;
