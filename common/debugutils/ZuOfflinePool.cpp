@@ -126,7 +126,7 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
   header->areaBytes = kAreaBytes;
   header->chunkBytes = kChunkBytes;
   header->createdNs = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
-  __atomic_thread_fence(__ATOMIC_RELEASE);
+  // Nobody else looks at it before the rename below.
   memcpy(header->magic, kMagic, sizeof(kMagic));
   if (rename(tmp.str, fin.str) != 0) {
     munmap(head, kAreaBytes);
