@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the library and runs the simulated camera host against a fresh device root.
-#   scripts/run-camera-host.sh [ROOT] [--crash]
+#   scripts/run-camera-host.sh [ROOT] [--crash | --kill]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/install-deps.sh

@@ -15,6 +15,8 @@ int main(int argc, char** argv) {
   opts.root = root ? root : "";
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "--crash") == 0) opts.crash = true;
+    if (strcmp(argv[i], "--kill") == 0) return runKillScene(opts);
+    if (strcmp(argv[i], "--restart") == 0) return runRestartScene(opts);
   }
   runLoggingScene(opts);
   runOfflineScene(opts);

@@ -1,10 +1,15 @@
 // zudebug-camera-host: prepares a device root, starts the simulated camera process
 // against it (as the device would start the camera HAL), and shows what it left.
 //
-//   zudebug-camera-host [ROOT] [--crash]
+//   zudebug-camera-host [ROOT] [--crash | --kill]
 //
-// ROOT defaults to /tmp/zudebug-camera-root and is recreated on every run.
+// ROOT defaults to /tmp/zudebug-camera-root and is recreated on every run. With --kill
+// the camera process is killed with SIGKILL while its pipeline threads log, started
+// again on the same root, and the lines it reported as logged are looked up on disk.
 #include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,7 +18,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -102,12 +109,16 @@ const char* kProps =
     "persist.vendor.camera.debug.reqabortms=600\n"
     "persist.vendor.camera.debug.reqabortenable=0\n";
 
-void listFiles(const std::string& root, const std::string& rel, std::vector<std::string>& out) {
+// Lists the files under root/rel with their sizes; names starting with "." only when
+// `hidden` is set ("." and ".." never).
+void listFiles(const std::string& root, const std::string& rel, std::vector<std::string>& out,
+               bool hidden = false) {
   DIR* d = opendir((root + "/" + rel).c_str());
   if (d == nullptr) return;
   std::vector<std::string> names;
   while (dirent* e = readdir(d)) {
-    if (e->d_name[0] != '.') names.push_back(e->d_name);
+    if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+    if (hidden || e->d_name[0] != '.') names.push_back(e->d_name);
   }
   closedir(d);
   std::sort(names.begin(), names.end());
@@ -116,7 +127,7 @@ void listFiles(const std::string& root, const std::string& rel, std::vector<std:
     struct stat st;
     if (stat((root + "/" + r).c_str(), &st) != 0) continue;
     if (S_ISDIR(st.st_mode)) {
-      listFiles(root, r, out);
+      listFiles(root, r, out, hidden);
     } else {
       char line[600];
       snprintf(line, sizeof(line), "%10lld  %s", static_cast<long long>(st.st_size), r.c_str());
@@ -125,20 +136,275 @@ void listFiles(const std::string& root, const std::string& rel, std::vector<std:
   }
 }
 
+const char* kOfflineDir = "data/vendor/camera/offlinelog";
+const int kProgressFd = 3;              // the camera process reports logged lines here (--kill)
+const int kKillAfterMs = 1500;          // logging time before the kill
+const int kFirstLineTimeoutMs = 10000;  // a process that logs nothing by then is killed anyway
+
+// Starts the camera process against `root` with `args`; a `progressFd` of 0 or more
+// becomes the process's fd 3.
+pid_t startCameraProcess(const std::string& root, const std::vector<std::string>& args, int progressFd) {
+  std::string shown = ZUDEBUG_CAMERA_PROCESS;
+  for (const auto& a : args) shown += " " + a;
+  printf("starting the camera process %s\n", shown.c_str());
+  fflush(stdout);
+  pid_t pid = fork();
+  if (pid == 0) {
+    setenv("ZUDEBUG_ROOT", root.c_str(), 1);
+    setenv("ZUDEBUG_PROPS", (root + "/props.txt").c_str(), 1);
+    setenv("ZUDEBUG_LOGCAT", (root + "/logcat.txt").c_str(), 1);
+    setenv("ZUDEBUG_ZEBQ", (root + "/zebq.txt").c_str(), 1);
+    // The error-information file has a relative path: the process works in the root.
+    if (chdir(root.c_str()) != 0) _exit(126);
+    if (progressFd == kProgressFd) {
+      if (fcntl(kProgressFd, F_SETFD, 0) != 0) _exit(126);
+    } else if (progressFd >= 0 && dup2(progressFd, kProgressFd) < 0) {
+      _exit(126);
+    }
+    std::vector<std::string> argStrings{ZUDEBUG_CAMERA_PROCESS};
+    argStrings.insert(argStrings.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (auto& a : argStrings) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  return pid;
+}
+
+void printEnd(int status) {
+  if (WIFSIGNALED(status))
+    printf("killed by signal %d (%s)\n", WTERMSIG(status), strsignal(WTERMSIG(status)));
+  else
+    printf("exit status %d\n", WEXITSTATUS(status));
+}
+
+void printFileList(const std::string& root, const std::string& rel, bool hidden) {
+  std::vector<std::string> files;
+  listFiles(root, rel, files, hidden);
+  for (const auto& f : files) printf("%s\n", f.c_str());
+  if (files.empty()) printf("  (no files)\n");
+}
+
+// What the killed process reported on its pipe, one "<thread> <frame>" line per logged
+// line: per pipeline thread, the last frame logged.
+struct Progress {
+  std::map<std::string, long> threads;
+  std::string partial;
+
+  // Reads what the pipe holds; false at its end.
+  bool read(int fd) {
+    char buf[4096];
+    const ssize_t n = ::read(fd, buf, sizeof(buf));
+    if (n <= 0) return false;
+    partial.append(buf, static_cast<size_t>(n));
+    for (size_t eol; (eol = partial.find('\n')) != std::string::npos; partial.erase(0, eol + 1)) {
+      const std::string line = partial.substr(0, eol);
+      const size_t space = line.rfind(' ');
+      if (space == std::string::npos) continue;
+      long& last = threads[line.substr(0, space)];
+      last = std::max(last, atol(line.c_str() + space + 1));
+    }
+    return true;
+  }
+};
+
+// Names sort by the numbers they hold (the last field of a time stamp has no leading zeros).
+std::vector<long> numbersOf(const std::string& name) {
+  std::vector<long> out;
+  for (const char* p = name.c_str(); *p;) {
+    if (*p >= '0' && *p <= '9') {
+      char* end;
+      out.push_back(strtol(p, &end, 10));
+      p = end;
+    } else {
+      ++p;
+    }
+  }
+  return out;
+}
+
+// The Debug logger's rotating files, "ZuCam_Debug_<time>.txt", oldest first.
+std::vector<std::string> debugLogFiles(const std::string& root) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir((root + "/" + kOfflineDir).c_str())) {
+    while (dirent* e = readdir(d)) {
+      const std::string name = e->d_name;
+      if (name.rfind("ZuCam_Debug_", 0) == 0 && name.size() > 12 && name[12] >= '0' && name[12] <= '9')
+        names.push_back(name);
+    }
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+    return numbersOf(a) != numbersOf(b) ? numbersOf(a) < numbersOf(b) : a < b;
+  });
+  return names;
+}
+
+// The process id of an offline line ("MM-DD hh:mm:ss:ns  pid  tid L ..."), or -1.
+long pidOf(const std::string& line) {
+  long pid = -1, tid = -1;
+  return sscanf(line.c_str(), "%*s %*s %ld %ld", &pid, &tid) == 2 ? pid : -1;
+}
+
+// --kill: kills the camera process while it logs, starts it again on the same root, and
+// checks that every line it reported as logged is in the offline files exactly once.
+int runKill(const std::string& root) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) {
+    perror("pipe2");
+    return 1;
+  }
+  const pid_t pid = startCameraProcess(root, {"--kill"}, fds[1]);
+  close(fds[1]);
+
+  // Wait for the first reported line, then let the pipeline threads log for a while.
+  using Clock = std::chrono::steady_clock;
+  Progress progress;
+  Clock::time_point first{};
+  Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kFirstLineTimeoutMs);
+  for (bool open = true; open;) {
+    const long long left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) break;
+    pollfd p{fds[0], POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(left)) <= 0) continue;
+    open = progress.read(fds[0]);
+    if (first == Clock::time_point{} && !progress.threads.empty()) {
+      first = Clock::now();
+      deadline = first + std::chrono::milliseconds(kKillAfterMs);
+    }
+  }
+  kill(pid, SIGKILL);
+  const Clock::time_point killedAt = Clock::now();
+  int status = 0;
+  waitpid(pid, &status, 0);
+  // Reports written before the kill are still in the pipe.
+  while (progress.read(fds[0])) {
+  }
+  close(fds[0]);
+
+  if (first == Clock::time_point{})
+    printf("\n== SIGKILL to the camera process (pid %d): it reported no line in %d ms ==\n", pid,
+           kFirstLineTimeoutMs);
+  else
+    printf("\n== SIGKILL to the camera process (pid %d), %.2f s after its first logged line ==\n", pid,
+           std::chrono::duration<double>(killedAt - first).count());
+  printEnd(status);
+  const bool killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+  printf("lines it reported as logged (pipe on its fd %d):\n", kProgressFd);
+  for (const auto& t : progress.threads) printf("  %-11s frames 1-%ld\n", t.first.c_str(), t.second);
+
+  printf("\n== %s right after the kill ==\n", kOfflineDir);
+  printFileList(root, kOfflineDir, true);
+
+  printf("\n== the camera process again, on the same root ==\n");
+  const pid_t again = startCameraProcess(root, {"--restart"}, -1);
+  int againStatus = 0;
+  waitpid(again, &againStatus, 0);
+  printf("\n== the camera process ended ==\n");
+  printEnd(againStatus);
+
+  printf("\n== files under %s ==\n", root.c_str());
+  printFileList(root, "", false);
+  const std::string poolDir = std::string(kOfflineDir) + "/.pool";
+  printf("%s:\n", poolDir.c_str());
+  printFileList(root, poolDir, true);
+
+  // Every line of the Debug files: the recovery lines, the lines of the killed process
+  // after the first one that names it, and per pipeline thread how often each frame appears.
+  const char* kRecovered = "OfflineLogger recovered ";
+  char notice[64];
+  snprintf(notice, sizeof(notice), " bytes of process %d from ", pid);
+  std::vector<std::string> recoveryLines;
+  std::vector<std::string> recovered;
+  unsigned long long recoveredBytes = 0, announcedBytes = 0;
+  std::map<std::string, std::map<long, int>> seen;
+  for (const std::string& name : debugLogFiles(root)) {
+    std::ifstream in(root + "/" + kOfflineDir + "/" + name);
+    for (std::string line; std::getline(in, line);) {
+      const size_t at = line.find(kRecovered);
+      if (at != std::string::npos) {
+        recoveryLines.push_back(std::string(kOfflineDir) + "/" + name + ":\n  " + line);
+        if (line.find(notice) != std::string::npos && announcedBytes == 0)
+          announcedBytes = strtoull(line.c_str() + at + strlen(kRecovered), nullptr, 10);
+        continue;
+      }
+      if (announcedBytes != 0 && pidOf(line) == pid) {
+        recovered.push_back(line);
+        recoveredBytes += line.size() + 1;
+      }
+      for (const auto& t : progress.threads) {
+        const std::string key = t.first + ": frame ";
+        const size_t k = line.find(key);
+        if (k != std::string::npos) ++seen[t.first][atol(line.c_str() + k + key.size())];
+      }
+    }
+  }
+
+  printf("\n== recovery ==\n");
+  for (const auto& r : recoveryLines) printf("%s\n", r.c_str());
+  if (recoveryLines.empty())
+    printf("no recovery line in the Debug files\n");
+  else
+    printf("%zu lines of process %d follow it: %llu bytes (the recovery line says %llu)\n", recovered.size(),
+           pid, recoveredBytes, announcedBytes);
+  const size_t kShow = 3;
+  for (size_t i = 0; i < recovered.size(); ++i) {
+    if (i == kShow && recovered.size() > 2 * kShow) {
+      printf("  ...\n");
+      i = recovered.size() - kShow;
+    }
+    printf("  %s\n", recovered[i].c_str());
+  }
+
+  printf("\n== reported lines in the Debug files ==\n");
+  printf("  %-11s %8s %8s %8s %8s %11s\n", "thread", "reported", "on disk", "missing", "doubled",
+         "unreported");
+  long missingAll = 0, doubledAll = 0;
+  for (const auto& t : progress.threads) {
+    const std::map<long, int>& frames = seen[t.first];
+    long onDisk = 0, missing = 0, doubled = 0, unreported = 0;
+    for (const auto& f : frames) {
+      onDisk += f.second;
+      if (f.second > 1) ++doubled;
+      if (f.first > t.second) ++unreported;
+    }
+    for (long f = 1; f <= t.second; ++f)
+      if (frames.count(f) == 0) ++missing;
+    printf("  %-11s %8ld %8ld %8ld %8ld %11ld\n", t.first.c_str(), t.second, onDisk, missing, doubled,
+           unreported);
+    missingAll += missing;
+    doubledAll += doubled;
+  }
+  const bool exact = missingAll == 0 && doubledAll == 0 && !progress.threads.empty();
+  const bool noticed = recoveryLines.size() == 1 && announcedBytes > 0 && recoveredBytes == announcedBytes;
+  printf("every reported line on disk exactly once: %s\n", exact ? "yes" : "NO");
+  printf("one recovery line, its byte count matching the lines after it: %s\n", noticed ? "yes" : "NO");
+  return killed && WIFEXITED(againStatus) && WEXITSTATUS(againStatus) == 0 && exact && noticed ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::string root = "/tmp/zudebug-camera-root";
   std::vector<std::string> passOn;
+  bool killRun = false;
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "--crash") == 0) {
       passOn.push_back(argv[i]);
+    } else if (strcmp(argv[i], "--kill") == 0) {
+      killRun = true;
     } else if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
-      printf("usage: %s [ROOT] [--crash]\n", argv[0]);
+      printf("usage: %s [ROOT] [--crash | --kill]\n", argv[0]);
       return 0;
     } else {
       root = argv[i];
     }
+  }
+  if (killRun && !passOn.empty()) {
+    fprintf(stderr, "--crash and --kill are separate runs\n");
+    return 2;
   }
   char abs[4096];
   mkdirs(root);
@@ -176,32 +442,13 @@ int main(int argc, char** argv) {
   printf("  properties    : props.txt (ZUDEBUG_PROPS)\n");
   printf("  Android log   : logcat.txt (ZUDEBUG_LOGCAT)\n");
   printf("  error service : zebq.txt (ZUDEBUG_ZEBQ)\n");
-  printf("starting the camera process %s%s\n", ZUDEBUG_CAMERA_PROCESS, passOn.empty() ? "" : " --crash");
-  fflush(stdout);
+  if (killRun) return runKill(root);
 
-  pid_t pid = fork();
-  if (pid == 0) {
-    setenv("ZUDEBUG_ROOT", root.c_str(), 1);
-    setenv("ZUDEBUG_PROPS", (root + "/props.txt").c_str(), 1);
-    setenv("ZUDEBUG_LOGCAT", (root + "/logcat.txt").c_str(), 1);
-    setenv("ZUDEBUG_ZEBQ", (root + "/zebq.txt").c_str(), 1);
-    // The error-information file has a relative path: the process works in the root.
-    if (chdir(root.c_str()) != 0) _exit(126);
-    std::vector<char*> args;
-    std::string exe = ZUDEBUG_CAMERA_PROCESS;
-    args.push_back(&exe[0]);
-    for (auto& a : passOn) args.push_back(&a[0]);
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
-  }
+  pid_t pid = startCameraProcess(root, passOn, -1);
   int status = 0;
   waitpid(pid, &status, 0);
   printf("\n== the camera process ended ==\n");
-  if (WIFSIGNALED(status))
-    printf("killed by signal %d (%s)\n", WTERMSIG(status), strsignal(WTERMSIG(status)));
-  else
-    printf("exit status %d\n", WEXITSTATUS(status));
+  printEnd(status);
 
   printf("\n== files under %s ==\n", root.c_str());
   std::vector<std::string> files;

@@ -18,3 +18,9 @@ void runSnapshotScene(const HostOptions& opts);
 void runModulesScene(const HostOptions& opts);
 // Runs last: stops the offline loggers, or crashes when asked to.
 void runCrashScene(const HostOptions& opts);
+
+// Instead of the scenes above: pipeline threads log numbered lines and report each one on
+// fd 3 until the launcher kills the process (--kill); returns only if the pipe goes away.
+int runKillScene(const HostOptions& opts);
+// Instead of the scenes above: the offline loggers are started and stopped (--restart).
+int runRestartScene(const HostOptions& opts);
