@@ -773,6 +773,8 @@ std::deque<std::string> ZuDegbugOfflineLogger::listLogFiles(bool logEach) {
   if (DIR* d = opendir(dir.str)) {
     while (dirent* e = readdir(d)) {
       if (strstr(e->d_name, mTypeName.c_str()) == nullptr) continue;
+      // Queue files are never log files, even where the pool directory is this one.
+      if (strstr(e->d_name, ".pool") != nullptr) continue;
       found.emplace_back(nameTime(kLogDir, e->d_name, mTypeName), e->d_name);
     }
     closedir(d);
