@@ -80,11 +80,6 @@ TEST(Settings, LoadTimeMasksAndFailures) {
           {"parse error: (6:22)Missing a comma or '}' after an object member."});
   runCase("[1, 2]", "", "load>54911 0 1", {"ZuPraseSettings()should be an object!"});
   runCase("DIR", "", "load>54911 0 1", {"E" + kLine});
-  const std::string deep(2 << 20, '[');  // deeper than any stack would hold recursively
-  runCase(deep, "", "load>54911 0 1", {"parse error: "});
-  runCase(R"({"x": )" + deep + std::string(2 << 20, ']') + R"(, "offlinedebugmask": 2})", "",
-          "load>54911 2 0");
-  runCase(R"({"pad": ")" + std::string(11 << 20, 'x') + R"(", "offlinedebugmask": 2})", "", "load>54911 2 0");
   runCase(R"({"offlinedebugmask": 6, "offlinedebugmask": 7})", "", "load>54911 6 0");
   // Members of the wrong type count as absent, with a line naming the key.
   runCase(R"({"offlinedebugmask": "abc", "Prax3LogGroupsEnable": 1.5, "OpenLIFO": 4294967295, "Soc": 3,
@@ -139,4 +134,43 @@ TEST(Settings, BoolSocStringAndRemap) {
            R"({"JsonFileRemap": {"prop": ")" + std::string(92, 'p') +
                R"(", "prop_brand": "x.brand", "map": []}})"})
     runCase(f, "x.sel=1\nx.brand=TOVA", "str 15 def>def", {"E" + kLine, "JsonFileRemap"});
+}
+
+// Nesting no stack would hold recursively (200,000 levels fit in 1 MiB with empty
+// keys), and files around the 1 MiB limit: the process lives, a file it can hold is
+// read, any other ends in the defaults.
+TEST(Settings, DeepNestingAndSizeLimit) {
+  const int levels = 200000;
+  auto repeat = [](const std::string& part, int n) {
+    std::string out;
+    for (int i = 0; i < n; ++i) out += part;
+    return out;
+  };
+  // A file of exactly `size` bytes whose offlinedebugmask is 2.
+  auto padded = [](size_t size) {
+    const std::string head = R"({"offlinedebugmask": 2, "pad": ")", tail = "\"}";
+    return head + std::string(size - head.size() - tail.size(), 'x') + tail;
+  };
+  const std::string tooLarge =
+      "file too large! file: /odm/etc/camera/zorvex/praxsettings.json size: 1048577, more "
+      "than the 1048576 allowed: defaults used";
+  const struct {
+    std::string file, load;
+    std::vector<std::string> logs;
+  } cases[] = {
+      {R"({"offlinedebugmask": 2, "x": )" + repeat("[", levels) + repeat("]", levels) + "}",
+       "54911 2 0",
+       {"!parse error"}},
+      {R"({"offlinedebugmask": 2, "x": )" + repeat(R"({"":)", levels) + "1" + repeat("}", levels) + "}",
+       "54911 2 0",
+       {"!parse error"}},
+      {repeat("[", levels), "54911 0 1", {"E" + kLine, "ZuPraseSettings()parse error: "}},
+      {repeat(R"({"a":)", levels), "54911 0 1", {"ZuPraseSettings()parse error: "}},
+      {R"({"offlinedebugmask": 2, "x": )" + repeat("[", levels),
+       "54911 0 1",
+       {"ZuPraseSettings()parse error: "}},
+      {padded(1 << 20), "54911 2 0", {"!file too large", "!parse error"}},
+      {padded((1 << 20) + 1), "54911 0 1", {"E" + kLine, " ZuPraseSettings()" + tooLarge, "!parse error"}},
+  };
+  for (const auto& c : cases) runCase(c.file, "", "load>" + c.load, c.logs);
 }

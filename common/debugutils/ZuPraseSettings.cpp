@@ -5,9 +5,13 @@
 #include <rapidjson/error/en.h>
 #include <zudebug_platform/fs.h>
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "ZuDebugUtils.h"
 
@@ -20,8 +24,10 @@ namespace {
 
 constexpr const char* kSettingsPath = "/odm/etc/camera/zorvex/praxsettings.json";
 
-// Larger files are refused before allocating (a directory reports an enormous size).
-constexpr long kMaxFileSize = 256L * 1024 * 1024;
+// A settings file above 1 MiB is refused, its size read before its content, and the
+// defaults are used: real files are a few KB.
+constexpr int kMaxFileKiB = 1024;
+constexpr long long kMaxFileSize = kMaxFileKiB * 1024LL;
 
 // Files nested deeper than this are parsed without recursion, so that a hostile
 // file cannot exhaust the stack; ordinary files keep the recursive parser.
@@ -167,27 +173,35 @@ ZuPraseSettings::ZuPraseSettings(const char* path) : mDocument(new Document()) {
     ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP, "open failed! file: %s", path);
     return;
   }
-  long size = fseek(fp, 0, SEEK_END) == 0 ? ftell(fp) : -1;
-  if (size < 0) {
-    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP, "ftell failed! file: %s", path);
+  struct stat st;
+  if (fstat(fileno(fp), &st) != 0) {
+    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP, "fstat failed! file: %s", path);
     fclose(fp);
     return;
   }
-  if (size > kMaxFileSize) {
-    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP, "file too large! file: %s size: %ld", path, size);
+  if (static_cast<long long>(st.st_size) > kMaxFileSize) {
+    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP,
+            "file too large! file: %s size: %lld, more than the %lld allowed: defaults used", path,
+            static_cast<long long>(st.st_size), kMaxFileSize);
     fclose(fp);
     return;
   }
-  char* buffer = static_cast<char*>(calloc(static_cast<size_t>(size) + 1, 1));
-  if (buffer == nullptr) {
-    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP, "out of memory! file: %s size: %ld", path, size);
-    fclose(fp);
-    return;
-  }
-  rewind(fp);
-  size_t got = fread(buffer, 1, static_cast<size_t>(size), fp);
-  buffer[got] = '\0';
+  // Read to the end rather than trusting the size (a special file yields more or less
+  // than it reports, a file may grow meanwhile), never more than one byte past the limit.
+  std::string text;
+  char chunk[4096];
+  size_t got;
+  while (static_cast<long long>(text.size()) <= kMaxFileSize &&
+         (got = fread(chunk, 1, std::min(sizeof(chunk), static_cast<size_t>(kMaxFileSize + 1) - text.size()),
+                      fp)) > 0)
+    text.append(chunk, got);
   fclose(fp);
+  if (static_cast<long long>(text.size()) > kMaxFileSize) {
+    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP,
+            "file too large! file: %s grew past the %lld bytes allowed: defaults used", path, kMaxFileSize);
+    return;
+  }
+  const char* buffer = text.c_str();
 
   // The text ends at its first NUL, as a C string does.
   rapidjson::Document& doc = mDocument->doc;
@@ -199,17 +213,14 @@ ZuPraseSettings::ZuPraseSettings(const char* path) : mDocument(new Document()) {
     ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP, "parse error: (%d:%lu)%s\n", static_cast<int>(doc.GetParseError()),
             static_cast<unsigned long>(doc.GetErrorOffset()),
             rapidjson::GetParseError_En(doc.GetParseError()));
-    free(buffer);
     doc.SetObject();
     return;
   }
   if (!doc.IsObject()) {
     ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP, "should be an object!");
-    free(buffer);
     doc.SetObject();
     return;
   }
-  free(buffer);
   const rapidjson::Value* prio = findMember(doc, "UsePropPriority");
   mUsePropPriority = prio != nullptr && prio->IsTrue();
 }
