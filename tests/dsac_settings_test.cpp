@@ -152,3 +152,62 @@ TEST(DsacFile, ReadOnceAtFirstUse) {
     EXPECT_EQ(seen, c.second) << (c.first ? c.first : "(none)");
   }
 }
+
+// Nesting no stack would hold recursively (200,000 levels fit in 1 MiB with empty
+// keys), and files around the 1 MiB limit, each read by a fresh process: it lives, a
+// file it can hold is read, any other ends in the defaults with one line.
+TEST(DsacFile, DeepNestingAndSizeLimit) {
+  if (zutest::inChild()) {
+    std::cout << "maps: " << describe(*PraxDsacSettings::getInstance()) << "\n";
+    return;
+  }
+  const int levels = 200000;
+  auto repeat = [](const std::string& part, int n) {
+    std::string out;
+    for (int i = 0; i < n; ++i) out += part;
+    return out;
+  };
+  // A file of exactly `size` bytes whose MaxStorageNum is 60.
+  auto padded = [](size_t size) {
+    const std::string head = R"({"MaxStorageNum": 60, "pad": ")", tail = "\"}";
+    return head + std::string(size - head.size() - tail.size(), 'x') + tail;
+  };
+  const std::string read = "maps: u:MaxStorageNum=60 s:pad=", defaults = "maps: prio=1";
+  const struct {
+    std::string file, maps, log;
+  } cases[] = {
+      {R"({"MaxStorageNum": 60, "x": )" + repeat("[", levels) + repeat("]", levels) + "}",
+       "maps: u:MaxStorageNum=60 prio=1", "D [DSACSettings]insert int map:MaxStorageNum"},
+      {R"({"MaxStorageNum": 60, "x": )" + repeat(R"({"":)", levels) + "1" + repeat("}", levels) + "}",
+       "maps: u:MaxStorageNum=60 prio=1", "D [DSACSettings]insert int map:MaxStorageNum"},
+      {repeat("[", levels), defaults, "W parse error: "},
+      {repeat(R"({"a":)", levels), defaults, "W parse error: "},
+      {R"({"MaxStorageNum": 60, "x": )" + repeat("[", levels), defaults, "W parse error: "},
+      {padded(1 << 20), read, "D [DSACSettings]insert string map:pad"},
+      {padded((1 << 20) + 1), defaults,
+       "W file too large! file: /odm/etc/camera/zorvex/DSACSettings.json size: 1048577, more than the "
+       "1048576 "
+       "allowed: defaults used"},
+  };
+  static const std::regex re(
+      "^([EWID])/PraxDsacSettins: \\[HAL \\] PropertyControll\\.cpp:[0-9]+ PraxDsacSettings\\(\\)(.*)$");
+  for (const auto& c : cases) {
+    zutest::TempRoot root;
+    root.setProps({{"persist.vendor.camera.prax.loglevel", "0"}});
+    root.writeFile("odm/etc/camera/zorvex/DSACSettings.json", c.file);
+    auto r = zutest::runChild("DsacFile.DeepNestingAndSizeLimit", root);
+    const std::string what = c.file.substr(0, 40) + "... (" + std::to_string(c.file.size()) + " bytes)";
+    EXPECT_EQ(r.exitCode(), 0) << what << "\n" << r.output.substr(0, 2000);
+    std::string maps;
+    std::istringstream out(r.output);
+    for (std::string line; std::getline(out, line);)
+      if (line.rfind("maps: ", 0) == 0) maps = line;
+    EXPECT_EQ(maps.substr(0, c.maps.size()), c.maps) << what;
+    bool logged = false;
+    std::smatch m;
+    for (const auto& line : zutest::readLines(root.logcatFile()))
+      if (std::regex_match(line, m, re) && (m[1].str() + " " + m[2].str()).rfind(c.log, 0) == 0)
+        logged = true;
+    EXPECT_TRUE(logged) << what << " wants the line " << c.log;
+  }
+}

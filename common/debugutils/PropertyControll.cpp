@@ -3,7 +3,9 @@
 #include <cutils/properties.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -24,6 +26,11 @@ struct DsacDocument {
 namespace {
 
 constexpr const char* kDsacSettingsPath = "/odm/etc/camera/zorvex/DSACSettings.json";
+
+// A DSAC settings file above 1 MiB is refused, its size read before its content, and
+// the defaults are used: real files are a few KB.
+constexpr int kMaxFileKiB = 1024;
+constexpr long long kMaxFileSize = kMaxFileKiB * 1024LL;
 
 using PropRow = std::array<std::string, 3>;  // indexed by mapindex
 using PropTable = std::map<std::string, PropRow>;
@@ -117,26 +124,43 @@ PraxDsacSettings::PraxDsacSettings(const std::string* text) : mDocument(new Dsac
       ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL, "open failed! file: %s", kDsacSettingsPath);
       return;
     }
-    long size = -1;
-    if (fseek(fp, 0, SEEK_END) == 0) size = ftell(fp);
-    if (size < 0) {
-      ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL, "ftell failed! file: %s", kDsacSettingsPath);
+    struct stat st;
+    if (fstat(fileno(fp), &st) != 0) {
+      ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL, "fstat failed! file: %s", kDsacSettingsPath);
       fclose(fp);
       return;
     }
-    rewind(fp);
+    if (static_cast<long long>(st.st_size) > kMaxFileSize) {
+      ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL,
+              "file too large! file: %s size: %lld, more than the %lld allowed: defaults used",
+              kDsacSettingsPath, static_cast<long long>(st.st_size), kMaxFileSize);
+      fclose(fp);
+      return;
+    }
     // Read to the end rather than trusting the size: a directory or a special file
-    // reports sizes that do not match what it yields.
+    // reports sizes that do not match what it yields. Never more than one byte past
+    // the limit, which tells a file that grew meanwhile.
     char chunk[4096];
     size_t got;
-    while ((got = fread(chunk, 1, sizeof(chunk), fp)) > 0) fileText.append(chunk, got);
+    while (static_cast<long long>(fileText.size()) <= kMaxFileSize &&
+           (got = fread(chunk, 1,
+                        std::min(sizeof(chunk), static_cast<size_t>(kMaxFileSize + 1) - fileText.size()),
+                        fp)) > 0)
+      fileText.append(chunk, got);
     fclose(fp);
+    if (static_cast<long long>(fileText.size()) > kMaxFileSize) {
+      ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL,
+              "file too large! file: %s grew past the %lld bytes allowed: defaults used", kDsacSettingsPath,
+              kMaxFileSize);
+      return;
+    }
     text = &fileText;
   }
 
   rapidjson::Document& doc = mDocument->doc;
-  // The text is NUL-terminated by std::string; parsing stops at the first NUL.
-  doc.Parse(text->c_str());
+  // The text is NUL-terminated by std::string; parsing stops at the first NUL. The
+  // iterative parser keeps its nesting on the heap, so no depth exhausts the stack.
+  doc.Parse<rapidjson::kParseIterativeFlag>(text->c_str());
   if (doc.HasParseError()) {
     ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL, "parse error: (%d:%lu)%s\n", static_cast<int>(doc.GetParseError()),
             static_cast<unsigned long>(doc.GetErrorOffset()),
