@@ -30,6 +30,7 @@
 #include <cstdint>
 #include <string>
 
+#include "BenchRoot.h"
 #include "ZuDebugUtils.h"
 
 using namespace zudebug;
@@ -153,23 +154,18 @@ int runLoad(const Options& o, const std::string& root, const std::string& poolDi
   return 0;
 }
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-
 // Prepares a device root for the variant and runs this program again in it.
 int runInRoot(const Options& o, char** argv) {
-  std::string tmpl = o.parent + "/zudebug-flash-XXXXXX";
-  if (mkdtemp(&tmpl[0]) == nullptr) {
+  const std::string root = benchroot::makeRoot(o.parent, "zudebug-flash");
+  if (root.empty()) {
     perror("mkdtemp");
     return 1;
   }
-  const std::string root = tmpl;
   if (onTmpfs(root)) {
     fprintf(stderr, "%s is on tmpfs: choose a disk file system with --parent\n", root.c_str());
-    rmdir(root.c_str());
+    benchroot::removeTree(root);
     return 1;
   }
-  for (const char* dir : {"/data", "/data/vendor", "/data/vendor/camera", "/data/vendor/camera/offlinelog"})
-    mkdir((root + dir).c_str(), 0755);
   std::string poolProperty;  // device path
   std::string shm;
   if (o.pool == "anon") {
@@ -189,31 +185,13 @@ int runInRoot(const Options& o, char** argv) {
     }
     poolProperty = "/shm/pool";
   }
-  FILE* props = fopen((root + "/props.txt").c_str(), "w");
-  if (props == nullptr) return 1;
-  fputs("persist.vendor.camera.offlinedebug.mask=1\n", props);
-  if (!poolProperty.empty())
-    fprintf(props, "persist.vendor.camera.offlinelog.pooldir=%s\n", poolProperty.c_str());
-  fclose(props);
-  setenv("ZUDEBUG_ROOT", root.c_str(), 1);
-  setenv("ZUDEBUG_PROPS", (root + "/props.txt").c_str(), 1);
-  setenv("ZUDEBUG_LOGCAT", "/dev/null", 1);
-  setenv("ZUDEBUG_FREE_MB", "100000", 1);
-  setenv("ZUDEBUG_BENCH_ROOT", root.c_str(), 1);
   setenv("ZUDEBUG_BENCH_POOLDIR",
          (root + (poolProperty.empty() ? "/data/vendor/camera/offlinelog/.pool" : poolProperty)).c_str(), 1);
-  fflush(stdout);
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (chdir(root.c_str()) != 0) _exit(126);
-    execv("/proc/self/exe", argv);
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  nftw(root.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-  if (!shm.empty()) nftw(shm.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+  const int status = benchroot::runAgainIn(
+      root, argv,
+      poolProperty.empty() ? "" : "persist.vendor.camera.offlinelog.pooldir=" + poolProperty + "\n");
+  if (!shm.empty()) benchroot::removeTree(shm);
+  return status;
 }
 
 bool parse(int argc, char** argv, Options* o) {

@@ -34,6 +34,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchRoot.h"
 #include "ZuDebugUtils.h"
 
 using namespace zudebug;
@@ -260,37 +261,13 @@ BENCHMARK(BM_StartNothingToRecover)->Unit(benchmark::kMillisecond)->UseRealTime(
 BENCHMARK(BM_StartRecoverFullPool)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(10);
 BENCHMARK(BM_StartRecoverOneThread)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(10);
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-
-// Prepares a device root with the debug mask set and runs this program again in it.
 int runInRoot(char** argv) {
-  char tmpl[] = "/tmp/zudebug-recovery-XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) return 1;
-  const std::string root = tmpl;
+  const std::string root = benchroot::makeRoot("/tmp", "zudebug-recovery");
+  if (root.empty()) return 1;
   struct statfs fs;
   if (statfs(root.c_str(), &fs) == 0 && fs.f_type == 0x01021994)  // TMPFS_MAGIC
     fprintf(stderr, "note: %s is on tmpfs; the pool file is not on a disk file system\n", root.c_str());
-  for (const char* dir : {"/data", "/data/vendor", "/data/vendor/camera", "/data/vendor/camera/offlinelog"})
-    mkdir((root + dir).c_str(), 0755);
-  FILE* props = fopen((root + "/props.txt").c_str(), "w");
-  if (props == nullptr) return 1;
-  fputs("persist.vendor.camera.offlinedebug.mask=1\n", props);
-  fclose(props);
-  setenv("ZUDEBUG_ROOT", root.c_str(), 1);
-  setenv("ZUDEBUG_PROPS", (root + "/props.txt").c_str(), 1);
-  setenv("ZUDEBUG_LOGCAT", "/dev/null", 1);
-  setenv("ZUDEBUG_FREE_MB", "100000", 1);
-  setenv("ZUDEBUG_BENCH_ROOT", root.c_str(), 1);
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (chdir(root.c_str()) != 0) _exit(126);
-    execv("/proc/self/exe", argv);
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  nftw(root.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+  return benchroot::runAgainIn(root, argv);
 }
 
 }  // namespace

@@ -162,11 +162,7 @@ TEST(DsacFile, DeepNestingAndSizeLimit) {
     return;
   }
   const int levels = 200000;
-  auto repeat = [](const std::string& part, int n) {
-    std::string out;
-    for (int i = 0; i < n; ++i) out += part;
-    return out;
-  };
+  const auto repeat = zutest::repeatText;
   // A file of exactly `size` bytes whose MaxStorageNum is 60.
   auto padded = [](size_t size) {
     const std::string head = R"({"MaxStorageNum": 60, "pad": ")", tail = "\"}";

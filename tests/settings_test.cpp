@@ -141,11 +141,7 @@ TEST(Settings, BoolSocStringAndRemap) {
 // read, any other ends in the defaults.
 TEST(Settings, DeepNestingAndSizeLimit) {
   const int levels = 200000;
-  auto repeat = [](const std::string& part, int n) {
-    std::string out;
-    for (int i = 0; i < n; ++i) out += part;
-    return out;
-  };
+  const auto repeat = zutest::repeatText;
   // A file of exactly `size` bytes whose offlinedebugmask is 2.
   auto padded = [](size_t size) {
     const std::string head = R"({"offlinedebugmask": 2, "pad": ")", tail = "\"}";

@@ -106,13 +106,6 @@ class HeldLock {
   bool mHeld;
 };
 
-// Full device path -> path to open on this system.
-struct ResolvedPath {
-  explicit ResolvedPath(const char* path) : str(platform_resolve_path(path, buf, sizeof(buf))) {}
-  char buf[PLATFORM_PATH_MAX];
-  const char* str;
-};
-
 bool writeAll(int fd, const uint8_t* data, size_t len) {
   while (len > 0) {
     ssize_t w = ::write(fd, data, len);

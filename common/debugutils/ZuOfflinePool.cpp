@@ -21,13 +21,6 @@ namespace pool {
 
 namespace {
 
-// Full device path -> path to open on this system.
-struct Resolved {
-  explicit Resolved(const std::string& path) : str(platform_resolve_path(path.c_str(), buf, sizeof(buf))) {}
-  char buf[PLATFORM_PATH_MAX];
-  const char* str;
-};
-
 std::string errnoText(const char* what, int err) { return std::string(what) + ": " + strerror(err); }
 
 bool lockWhole(int fd) {
@@ -97,8 +90,8 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
   // process ever sees the pool unlocked.
   const std::string finalPath = name;
   const std::string tmpPath = finalPath + ".tmp";
-  Resolved tmp(tmpPath);
-  Resolved fin(finalPath);
+  ResolvedPath tmp(tmpPath);
+  ResolvedPath fin(finalPath);
   int fd = ::open(tmp.str, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd < 0) {
     *why = errnoText("create", errno);
@@ -196,7 +189,7 @@ void PoolFile::close(bool remove) {
   if (mFd >= 0) {
     // Removed before the lock goes: a recoverer that opened it meanwhile finds it unlinked.
     if (remove) {
-      Resolved path(mPath);
+      ResolvedPath path(mPath);
       unlink(path.str);
     }
     ::close(mFd);
@@ -257,7 +250,7 @@ class DeadPool {
     BlockDesc desc;
     if (trustedTarget(in) && in.block < mChunks * kBlocksPerChunk && readDesc(in.block, &desc) &&
         desc.flushed == in.from && in.from < in.to && in.to <= desc.used && desc.used <= kBlockSize) {
-      Resolved target(in.file);
+      ResolvedPath target(in.file);
       struct stat st;
       bool done = true;  // a target that is gone took the bytes with it
       if (stat(target.str, &st) == 0) {
@@ -363,7 +356,7 @@ class DeadPool {
 
 // A ".tmp" pool that nobody holds is a creation the process did not live to finish.
 void removeAbandonedTmp(const std::string& path) {
-  Resolved p(path);
+  ResolvedPath p(path);
   int fd = ::open(p.str, O_RDWR | O_CLOEXEC);
   if (fd < 0) return;
   struct stat st;
@@ -378,7 +371,7 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
   const std::string prefix = "ZuCam_" + typeName + "_";
   std::vector<std::string> names;
   {
-    Resolved d(dir);
+    ResolvedPath d(dir);
     DIR* dp = opendir(d.str);
     if (dp == nullptr) return 0;
     while (dirent* e = readdir(dp)) {
@@ -394,7 +387,7 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
   int recovered = 0;
   for (const std::string& name : names) {
     const std::string path = dir + "/" + name;
-    Resolved p(path);
+    ResolvedPath p(path);
     const int fd = ::open(p.str, O_RDWR | O_CLOEXEC);
     if (fd < 0) continue;  // removed by another recoverer meanwhile
     struct stat st;

@@ -217,6 +217,12 @@ std::vector<std::string> listDir(const std::string& dir) {
   return names;
 }
 
+std::string repeatText(const std::string& part, int n) {
+  std::string out;
+  for (int i = 0; i < n; ++i) out += part;
+  return out;
+}
+
 size_t countSubstr(const std::string& text, const std::string& needle) {
   if (needle.empty()) return 0;
   size_t count = 0;

@@ -62,6 +62,8 @@ bool inChild();
 std::string readFile(const std::string& path);
 std::vector<std::string> readLines(const std::string& path);
 std::vector<std::string> listDir(const std::string& dir);
+// `part` written `n` times.
+std::string repeatText(const std::string& part, int n);
 size_t countSubstr(const std::string& text, const std::string& needle);
 
 }  // namespace zutest

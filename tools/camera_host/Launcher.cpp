@@ -24,6 +24,8 @@
 #include <string>
 #include <vector>
 
+#include "FileNames.h"
+
 namespace {
 
 const char* kMarker = ".zudebug-camera-root";
@@ -208,21 +210,6 @@ struct Progress {
     return true;
   }
 };
-
-// Names sort by the numbers they hold (the last field of a time stamp has no leading zeros).
-std::vector<long> numbersOf(const std::string& name) {
-  std::vector<long> out;
-  for (const char* p = name.c_str(); *p;) {
-    if (*p >= '0' && *p <= '9') {
-      char* end;
-      out.push_back(strtol(p, &end, 10));
-      p = end;
-    } else {
-      ++p;
-    }
-  }
-  return out;
-}
 
 // The Debug logger's rotating files, "ZuCam_Debug_<time>.txt", oldest first.
 std::vector<std::string> debugLogFiles(const std::string& root) {

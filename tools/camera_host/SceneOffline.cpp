@@ -16,27 +16,13 @@
 
 #include "Scenes.h"
 #include "ZuDebugUtils.h"
+#include "FileNames.h"
 
 using namespace zudebug;
 
 namespace {
 
 const char* kOfflineDir = "data/vendor/camera/offlinelog";
-
-// Names sort by the numbers they hold (the last field has no leading zeros).
-std::vector<long> numbersOf(const std::string& name) {
-  std::vector<long> out;
-  for (const char* p = name.c_str(); *p;) {
-    if (*p >= '0' && *p <= '9') {
-      char* end;
-      out.push_back(strtol(p, &end, 10));
-      p = end;
-    } else {
-      ++p;
-    }
-  }
-  return out;
-}
 
 std::vector<std::string> offlineFiles() {
   std::vector<std::string> names;
