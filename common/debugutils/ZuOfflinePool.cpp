@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <zudebug_platform/fs.h>
 
@@ -73,6 +74,42 @@ bool hasSuffix(const std::string& s, const char* suffix) {
 }
 
 }  // namespace
+
+// ---- crash slots ----
+
+int CrashArea::keep(const char* text, uint32_t len, uint32_t tid) const {
+  if (mSlots == nullptr || len == 0 || len > kCrashSlotBytes) return -1;
+  static std::atomic<uint64_t> sSeq{0};
+  for (uint32_t i = 0; i < kCrashSlots; ++i) {
+    CrashSlot& s = mSlots[i];
+    if (!casState(&s.state, kSlotFree, kSlotFilling)) continue;
+    s.tid = tid;
+    storeRelease(&s.flushed, 0);
+    __atomic_store_n(&s.seq, sSeq.fetch_add(1, std::memory_order_relaxed) + 1, __ATOMIC_RELAXED);
+    memcpy(mData + static_cast<uint64_t>(i) * kCrashSlotBytes, text, len);
+    // The count first, then the state: a reader that sees the slot complete sees it whole.
+    storeRelease(&s.used, len);
+    storeRelease(&s.state, kSlotComplete);
+    return static_cast<int>(i);
+  }
+  return -1;
+}
+
+void CrashArea::release(uint32_t slot) const {
+  CrashSlot& s = mSlots[slot];
+  storeRelease(&s.used, 0);
+  storeRelease(&s.flushed, 0);
+  storeRelease(&s.state, kSlotFree);
+}
+
+uint32_t CrashArea::completeInOrder(uint32_t* out) const {
+  uint32_t n = 0;
+  if (mSlots == nullptr) return 0;
+  for (uint32_t i = 0; i < kCrashSlots; ++i)
+    if (loadAcquire(&mSlots[i].state) == kSlotComplete) out[n++] = i;
+  std::sort(out, out + n, [this](uint32_t a, uint32_t b) { return mSlots[a].seq < mSlots[b].seq; });
+  return n;
+}
 
 // ---- owner side ----
 
@@ -160,6 +197,18 @@ bool PoolFile::grow(Chunk* out, std::string* why) {
   return true;
 }
 
+void PoolFile::prepareCrashArea() {
+  if (mHeader != nullptr) {
+    mCrash = CrashArea(reinterpret_cast<uint8_t*>(mHeader), true);
+    return;
+  }
+  if (mMemoryHeader == nullptr) {
+    void* area = mmap(nullptr, kAreaBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    mMemoryHeader = area == MAP_FAILED ? nullptr : area;
+  }
+  mCrash = mMemoryHeader != nullptr ? CrashArea(static_cast<uint8_t*>(mMemoryHeader), false) : CrashArea();
+}
+
 void PoolFile::detachAfterFork() {
   if (mFd < 0) return;
   for (Chunk& c : mChunks) {
@@ -172,6 +221,7 @@ void PoolFile::detachAfterFork() {
     mmap(mHeader, kAreaBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, mFd, 0);
     mDetachedHeader = mHeader;
     mHeader = nullptr;
+    mCrash = CrashArea(static_cast<uint8_t*>(mDetachedHeader), false);
   }
   // The parent keeps the file, its lock and its name.
   ::close(mFd);
@@ -180,12 +230,15 @@ void PoolFile::detachAfterFork() {
 }
 
 void PoolFile::close(bool remove) {
+  mCrash = CrashArea();
   for (const Chunk& c : mChunks) munmap(c.base, kChunkBytes);
   mChunks.clear();
   if (mHeader != nullptr) munmap(mHeader, kAreaBytes);
   mHeader = nullptr;
   if (mDetachedHeader != nullptr) munmap(mDetachedHeader, kAreaBytes);
   mDetachedHeader = nullptr;
+  if (mMemoryHeader != nullptr) munmap(mMemoryHeader, kAreaBytes);
+  mMemoryHeader = nullptr;
   if (mFd >= 0) {
     // Removed before the lock goes: a recoverer that opened it meanwhile finds it unlinked.
     if (remove) {
@@ -223,10 +276,13 @@ class DeadPool {
       *why = "too short for a header";
       return false;
     }
-    if (memcmp(mHeader.magic, kMagic, sizeof(kMagic)) != 0 || mHeader.version != kVersion) {
+    if (memcmp(mHeader.magic, kMagic, sizeof(kMagic)) != 0 || mHeader.version < 1 ||
+        mHeader.version > kVersion) {
       *why = "not a pool file";
       return false;
     }
+    // Files of the first layout have no crash slots.
+    if (mHeader.version < 2) memset(mHeader.crash, 0, sizeof(mHeader.crash));
     if (mHeader.blockSize != kBlockSize || mHeader.blocksPerChunk != kBlocksPerChunk ||
         mHeader.areaBytes != kAreaBytes || mHeader.chunkBytes != kChunkBytes ||
         mHeader.loggerType != loggerType) {
@@ -247,9 +303,27 @@ class DeadPool {
   void settlePendingWrite() {
     WriteIntent& in = mHeader.intent;
     if (in.state == 0) return;
-    BlockDesc desc;
-    if (trustedTarget(in) && in.block < mChunks * kBlocksPerChunk && readDesc(in.block, &desc) &&
-        desc.flushed == in.from && in.from < in.to && in.to <= desc.used && desc.used <= kBlockSize) {
+    uint32_t flushed = 0, used = 0, limit = 0;
+    uint64_t flushedAt = 0;
+    if ((in.block & kCrashIntentBit) != 0) {
+      const uint32_t slot = in.block & ~kCrashIntentBit;
+      if (slot < kCrashSlots) {
+        flushed = mHeader.crash[slot].flushed;
+        used = mHeader.crash[slot].used;
+        limit = kCrashSlotBytes;
+        flushedAt = offsetof(PoolHeader, crash) + slot * sizeof(CrashSlot) + offsetof(CrashSlot, flushed);
+      }
+    } else {
+      BlockDesc desc;
+      if (in.block < mChunks * kBlocksPerChunk && readDesc(in.block, &desc)) {
+        flushed = desc.flushed;
+        used = desc.used;
+        limit = kBlockSize;
+        flushedAt = descOffset(in.block) + offsetof(BlockDesc, flushed);
+      }
+    }
+    if (limit > 0 && trustedTarget(in) && flushed == in.from && in.from < in.to && in.to <= used &&
+        used <= limit) {
       ResolvedPath target(in.file);
       struct stat st;
       bool done = true;  // a target that is gone took the bytes with it
@@ -260,14 +334,43 @@ class DeadPool {
           ZU_DBG_LOGE("OfflineLogger cannot cut the torn tail off %s: %s", in.file, strerror(errno));
       }
       if (done) {
-        desc.flushed = in.to;
-        writeAt(mFd, &desc.flushed, sizeof(desc.flushed),
-                descOffset(in.block) + offsetof(BlockDesc, flushed));
+        writeAt(mFd, &in.to, sizeof(in.to), flushedAt);
+        if ((in.block & kCrashIntentBit) != 0) mHeader.crash[in.block & ~kCrashIntentBit].flushed = in.to;
       }
     } else {
       ZU_DBG_LOGE("OfflineLogger pool file %s: pending write record not trusted, ignored", mPath.c_str());
     }
     clearIntent();
+  }
+
+  // Crash records not yet in a file, in record order. A record the catcher did not
+  // finish copying is left out: it never was whole.
+  std::vector<uint32_t> crashSlotsToRecover() {
+    std::vector<uint32_t> out;
+    for (uint32_t i = 0; i < kCrashSlots; ++i) {
+      const CrashSlot& s = mHeader.crash[i];
+      if ((s.state == kSlotComplete || s.state == kSlotWriting) && s.used <= kCrashSlotBytes &&
+          s.flushed < s.used)
+        out.push_back(i);
+    }
+    std::stable_sort(out.begin(), out.end(),
+                     [this](uint32_t a, uint32_t b) { return mHeader.crash[a].seq < mHeader.crash[b].seq; });
+    return out;
+  }
+  uint32_t crashBytes(uint32_t slot) const { return mHeader.crash[slot].used - mHeader.crash[slot].flushed; }
+
+  bool recoverCrashSlot(uint32_t slot, uint8_t* buf, RecoveryWriter& writer) {
+    CrashSlot& s = mHeader.crash[slot];
+    const uint32_t len = s.used - s.flushed;
+    if (!readAt(mFd, buf, len, kCrashAreaOffset + static_cast<uint64_t>(slot) * kCrashSlotBytes + s.flushed))
+      return false;
+    mPending = {1, kCrashIntentBit | slot, s.flushed, s.used, 0, {0}};
+    writer.writeRecovered(buf, len, &DeadPool::recordIntent, this);
+    s.flushed = s.used;
+    writeAt(mFd, &s.flushed, sizeof(s.flushed),
+            offsetof(PoolHeader, crash) + slot * sizeof(CrashSlot) + offsetof(CrashSlot, flushed));
+    clearIntent();
+    return true;
   }
 
   // Blocks holding unflushed bytes, in the order they were taken.
@@ -407,16 +510,23 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
     }
     dead.settlePendingWrite();
     const std::vector<FoundBlock> blocks = dead.blocksToRecover();
+    const std::vector<uint32_t> records = dead.crashSlotsToRecover();
     uint64_t total = 0;
     for (const FoundBlock& b : blocks) total += b.desc.used - b.desc.flushed;
+    for (uint32_t slot : records) total += dead.crashBytes(slot);
     if (total > 0 && !dead.announced()) {
       writer.writeNotice(total, dead.pid(), path.c_str());
       dead.markAnnounced();
     }
-    if (!blocks.empty() && !buf) buf.reset(new uint8_t[kBlockSize]);
+    if ((!blocks.empty() || !records.empty()) && !buf) buf.reset(new uint8_t[kBlockSize]);
     for (const FoundBlock& b : blocks) {
       if (!dead.recoverBlock(b, buf.get(), writer))
         ZU_DBG_LOGE("OfflineLogger pool file %s: block %u unreadable, skipped", path.c_str(), b.fileBlock);
+    }
+    // The crash records last: they were the process's last words.
+    for (uint32_t slot : records) {
+      if (!dead.recoverCrashSlot(slot, buf.get(), writer))
+        ZU_DBG_LOGE("OfflineLogger pool file %s: crash record %u unreadable, skipped", path.c_str(), slot);
     }
     ZU_DBG_LOGI("OfflineLogger recovered %llu bytes of process %u from %s",
                 static_cast<unsigned long long>(total), dead.pid(), path.c_str());

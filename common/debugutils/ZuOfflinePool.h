@@ -7,7 +7,8 @@
 // how much of it is already in a log file, plus the one file write under way.
 //
 // File layout (all offsets multiples of 64 KiB, so that any page size maps them):
-//   [0, 64 KiB)                 PoolHeader
+//   [0, 8 KiB)                  PoolHeader
+//   [8 KiB, 64 KiB)             7 crash slots of 8 KiB
 //   chunk c at 64 KiB + c * kChunkBytes:
 //     [0, 64 KiB)               16 BlockDesc of the chunk's blocks
 //     [64 KiB, 64 KiB + 16 MiB) the 16 blocks
@@ -39,7 +40,7 @@ constexpr uint32_t kBlockSize = 1048576;
 constexpr uint32_t kBlocksPerChunk = 16;
 constexpr uint64_t kAreaBytes = 65536;  // the header, and each chunk's descriptor area
 constexpr uint64_t kChunkBytes = kAreaBytes + static_cast<uint64_t>(kBlocksPerChunk) * kBlockSize;
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;  // 1: the same without crash slots
 constexpr char kMagic[8] = {'Z', 'U', 'P', 'O', 'O', 'L', '1', '\0'};
 
 // Default directory of the pool files, and the property that moves it (for example
@@ -74,6 +75,29 @@ struct WriteIntent {
   char file[488];       // device path of the target file
 };
 
+// Crash records, kept apart from the queues: the crash catcher fills a slot without
+// taking any of the logger's locks, so that a thread that faults while it holds them
+// (or in the middle of an append) still leaves its record. A forced flush writes
+// complete slots after the queues; the next start writes what a dead process left.
+constexpr uint32_t kCrashSlots = 7;
+constexpr uint32_t kCrashSlotBytes = 8192;
+constexpr uint64_t kCrashAreaOffset = 8192;  // in the header area
+static_assert(kCrashAreaOffset + kCrashSlots * kCrashSlotBytes == kAreaBytes, "slots fill the header area");
+// A write intent's block number with this bit set names a crash slot.
+constexpr uint32_t kCrashIntentBit = 0x80000000u;
+
+enum CrashSlotState : uint32_t { kSlotFree = 0, kSlotFilling = 1, kSlotComplete = 2, kSlotWriting = 3 };
+
+struct CrashSlot {
+  uint32_t state;    // CrashSlotState
+  uint32_t tid;      // the faulting thread
+  uint32_t used;     // bytes of the record
+  uint32_t flushed;  // bytes already written to a log file
+  uint64_t seq;      // order of the records
+  uint8_t pad[40];
+};
+static_assert(sizeof(CrashSlot) == 64, "one cache line per slot");
+
 struct PoolHeader {
   char magic[8];
   uint32_t version;
@@ -88,10 +112,47 @@ struct PoolHeader {
   uint32_t announced;  // a recoverer has written its notice line
   uint32_t reserved;
   WriteIntent intent;
+  CrashSlot crash[kCrashSlots];  // version 2 on
 };
+static_assert(sizeof(PoolHeader) <= kCrashAreaOffset, "the header stays below the crash slots");
 
 inline uint32_t loadAcquire(const uint32_t* p) { return __atomic_load_n(p, __ATOMIC_ACQUIRE); }
 inline void storeRelease(uint32_t* p, uint32_t v) { __atomic_store_n(p, v, __ATOMIC_RELEASE); }
+
+inline bool casState(uint32_t* p, uint32_t from, uint32_t to) {
+  return __atomic_compare_exchange_n(p, &from, to, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+}
+
+// The crash slots of a pool: in the mapped header of the pool file, or in process
+// memory when there is no file. Every call is async-signal-safe.
+class CrashArea {
+ public:
+  CrashArea() = default;
+  CrashArea(uint8_t* headerArea, bool durable)
+      : mSlots(reinterpret_cast<PoolHeader*>(headerArea)->crash),
+        mData(headerArea + kCrashAreaOffset),
+        mDurable(durable) {}
+  bool valid() const { return mSlots != nullptr; }
+  // Kept in the pool file, so that the next start finds what the flush did not write.
+  bool durable() const { return mDurable; }
+  // Copies a whole record into a free slot and publishes it; -1 when every slot is
+  // taken or the record does not fit.
+  int keep(const char* text, uint32_t len, uint32_t tid) const;
+  // Takes a complete slot for writing it out; false when it is not complete (free,
+  // still being filled, or taken by another writer).
+  bool take(uint32_t slot) const { return casState(&mSlots[slot].state, kSlotComplete, kSlotWriting); }
+  // A taken slot's bytes, written: the slot is free again.
+  void release(uint32_t slot) const;
+  CrashSlot& slot(uint32_t i) const { return mSlots[i]; }
+  const uint8_t* data(uint32_t i) const { return mData + static_cast<uint64_t>(i) * kCrashSlotBytes; }
+  // Complete slots in record order, at most kCrashSlots; returns the count.
+  uint32_t completeInOrder(uint32_t* out) const;
+
+ private:
+  CrashSlot* mSlots = nullptr;
+  uint8_t* mData = nullptr;
+  bool mDurable = false;
+};
 
 // One mapped (or, after a failure, anonymous) chunk: 16 descriptors and 16 blocks.
 struct Chunk {
@@ -118,6 +179,11 @@ class PoolFile {
   // at all could be had.
   bool grow(Chunk* out, std::string* why);
   PoolHeader* header() const { return mHeader; }
+  // Makes the crash slots ready: in the file's header while it is open, in process
+  // memory otherwise (kept until close). After a fork the child's slots are its private
+  // copy of the header.
+  void prepareCrashArea();
+  const CrashArea& crashArea() const { return mCrash; }
   const std::string& path() const { return mPath; }
   // Unmaps every chunk and the header; removes the file when asked.
   void close(bool remove);
@@ -130,6 +196,8 @@ class PoolFile {
   int mFd = -1;
   PoolHeader* mHeader = nullptr;
   void* mDetachedHeader = nullptr;
+  void* mMemoryHeader = nullptr;  // crash slots when there is no file header
+  CrashArea mCrash;
   std::string mPath;  // device path
   std::vector<Chunk> mChunks;
 };
