@@ -2,6 +2,7 @@
 // ended, the record in the offline files, and what the previous handler saw.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,6 +11,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <thread>
@@ -27,6 +29,12 @@ static constexpr size_t npos = std::string::npos;
 // An address nothing is mapped at, hidden from the optimiser.
 static volatile int* volatile gBadAddress = reinterpret_cast<volatile int*>(16);
 static std::atomic<bool> gCrashInDebugFileWrite{false};
+namespace crashsite {
+__attribute__((noinline)) void crashInDebugFileWrite() {
+  *gBadAddress = 1;
+  asm volatile("");
+}
+}  // namespace crashsite
 static std::atomic<int> gFailSigactionFor{0};
 
 // The offline logger writes its files with write(): crash inside it on demand.
@@ -35,7 +43,7 @@ extern "C" ssize_t write(int fd, const void* buf, size_t count) {
   if (gCrashInDebugFileWrite.load() && snprintf(link, sizeof(link), "/proc/self/fd/%d", fd) > 0 &&
       readlink(link, target, sizeof(target) - 1) > 0 &&
       strstr(target, "/offlinelog/ZuCam_Debug_") != nullptr && strstr(target, "ErrorInfo") == nullptr)
-    *gBadAddress = 1;
+    crashsite::crashInDebugFileWrite();
   return syscall(SYS_write, fd, buf, count);
 }
 
@@ -68,6 +76,22 @@ __attribute__((noinline)) void crashByBus() {
   gQuotient = static_cast<volatile int*>(mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0))[0];  // past EOF
 }
 
+// Deep enough to overflow any thread's stack; the array keeps every frame large and
+// the addition after the call keeps it from becoming a loop.
+volatile bool gDeeper = true;
+__attribute__((noinline)) int overflowStack(int depth) {
+  volatile char frame[4096];
+  frame[0] = static_cast<char>(depth);
+  return gDeeper ? overflowStack(depth + 1) + frame[0] : frame[0];
+}
+
+// A bad pointer handed to an append: the fault is inside the library, mid-append.
+__attribute__((noinline)) void crashByBadAppend() {
+  zudebug::ZuDebugInterface::getInstance(zudebug::ZuOfflineLoggerType::Debug)
+      ->addLogInterface(reinterpret_cast<const char*>(const_cast<int*>(gBadAddress)), 100);
+  asm volatile("");
+}
+
 void crashWith(int signal) {
   const struct {
     int signal;
@@ -97,6 +121,17 @@ TEST(CrashChild, Run) {
   ASSERT_EQ(0, binary->startOfflineLogger());
   binary->addLogInterface("binary-marker\n", 14);
 
+  if (scenario == "recover") {
+    debug->stopOfflineLogger();
+    binary->stopOfflineLogger();
+    return;
+  }
+  // Lines logged before every crash: each must reach the files exactly once.
+  for (int i = 0; i < 300; ++i) {
+    char line[64];
+    const int n = snprintf(line, sizeof(line), "line %d before the crash\n", i);
+    debug->addLogInterface(line, static_cast<unsigned int>(n));
+  }
   if (scenario == "register-fails") {
     gFailSigactionFor = SIGBUS;
     zudebug::RegisterSignalHandlers();
@@ -126,6 +161,40 @@ TEST(CrashChild, Run) {
     debug->addLogInterface("line before the flush\n", 22);
     gCrashInDebugFileWrite = true;
     debug->flushLogToFileInterface(true);
+  } else if (scenario == "overflow-main") {
+    overflowStack(0);
+  } else if (scenario == "overflow-worker") {
+    std::thread([debug] {
+      debug->addLogInterface("worker line before the overflow\n", 32);
+      overflowStack(0);
+    }).join();
+  } else if (scenario == "bad-append") {
+    crashByBadAppend();
+  } else if (scenario.rfind("threads-", 0) == 0) {
+    // Several threads fault at the same moment.
+    const int n = atoi(scenario.c_str() + 8);
+    pthread_barrier_t barrier;
+    pthread_barrier_init(&barrier, nullptr, static_cast<unsigned>(n));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < n; ++i)
+      threads.emplace_back([&barrier] {
+        pthread_barrier_wait(&barrier);
+        crashBySegv();
+        asm volatile("");  // keeps the lambda's frame
+      });
+    for (std::thread& t : threads) t.join();
+  } else if (scenario == "flush-loop") {
+    // Another thread forces flushes without pause, logging between them.
+    std::atomic<int> rounds{0};
+    std::thread([debug, &rounds] {
+      for (;;) {
+        debug->addLogInterface("line of the flushing thread\n", 28);
+        debug->flushLogToFileInterface(true);
+        rounds.fetch_add(1);
+      }
+    }).detach();
+    while (rounds.load() < 20) usleep(100);
+    crashBySegv();
   } else if (scenario == "fault-in-thread" || scenario == "lock-held") {
     if (scenario == "lock-held") debug->controlMutex().lock();  // and never let go
     std::thread([sig] {
@@ -143,12 +212,21 @@ namespace {
 // ---- what the parent checks ----
 
 struct CrashRun {
-  std::string ending;     // "signal N" or "exit N"
-  std::string output;     // the child's stdout and stderr
-  std::string debugLog;   // every Debug ".txt" offline file
-  std::string binaryLog;  // every ".bin" offline file
+  std::string ending;       // "signal N" or "exit N"
+  std::string output;       // the child's stdout and stderr
+  std::string debugAtExit;  // every Debug ".txt" offline file as the crash left them
+  std::string debugLog;     // the same after the next start recovered what was left
+  std::string binaryLog;    // every ".bin" offline file
   std::vector<std::string> logcat;
 };
+
+std::string debugFiles(const TempRoot& root) {
+  std::string log;
+  for (const std::string& name : listDir(root.offlineDir()))
+    if (name.rfind("ZuCam_Debug_", 0) == 0 && name.find("ErrorInfo") == npos)
+      log += readFile(root.offlineDir() + "/" + name);
+  return log;
+}
 
 CrashRun runCrash(const std::string& scenario, int sig) {
   TempRoot root;
@@ -169,13 +247,25 @@ CrashRun runCrash(const std::string& scenario, int sig) {
   run.ending = child.signaled() ? "signal " + std::to_string(child.termSignal())
                                 : "exit " + std::to_string(child.exitCode());
   run.output = child.output;
-  for (const std::string& name : listDir(root.offlineDir())) {
-    if (name.rfind("ZuCam_Debug_", 0) == 0 && name.find("ErrorInfo") == npos)
-      run.debugLog += readFile(root.offlineDir() + "/" + name);
+  run.debugAtExit = debugFiles(root);
+  for (const std::string& name : listDir(root.offlineDir()))
     if (name.rfind("ZuCam_Binary_", 0) == 0) run.binaryLog += readFile(root.offlineDir() + "/" + name);
-  }
   run.logcat = readLines(root.logcatFile());
+  // The next camera process to start writes whatever the crashed one left behind.
+  ChildResult next =
+      runChild("CrashChild.Run", root,
+               {{"ZU_SCENARIO", "recover"}, {"ZU_SIGNAL", "0"}, {"ZUDEBUG_FREE_MB", "100000"}});
+  EXPECT_EQ(next.exitCode(), 0) << next.output;
+  run.debugLog = debugFiles(root);
   return run;
+}
+
+// The lines logged before the crash, each exactly once in `log`.
+void expectEarlierLinesOnce(const std::string& log) {
+  for (int i = 0; i < 300; i += 37) {
+    const std::string line = "line " + std::to_string(i) + " before the crash\n";
+    EXPECT_EQ(countSubstr(log, line), 1u) << line;
+  }
 }
 
 using Lines = std::vector<std::string>;
@@ -194,48 +284,60 @@ Lines errorLines(const Lines& logcat, const std::string& function) {
 
 const char kStars[] = " F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***";
 
-// The one crash record in `log`: its time stamp byte for byte, the four header lines
-// (the fault address a bare hexadecimal number or "(nil)"), then frame lines "#01" on
-// without gaps, so that a frame split at a "#" in its name, or two frames run
-// together, break the count; one of them names `function`. Only a crash on another
-// thread has a tid other than the pid, and a lambda's frame ("#" in its name).
-void expectRecord(const std::string& log, const std::string& signalLine, const std::string& function,
-                  bool otherThread) {
-  EXPECT_EQ(countSubstr(log, kStars), 2u) << "exactly one record";
-  size_t at = log.find(kStars);
-  ASSERT_NE(at, npos);
-  const size_t start = log.rfind('\n', at) + 1;  // 0 when none
-  const std::string stamp = log.substr(start, at - start);
-  int mon, day, h, m, s, pid, tid;
-  long ns;
-  ASSERT_EQ(sscanf(stamp.c_str(), "%d-%d %d:%d:%d:%ld %d %d", &mon, &day, &h, &m, &s, &ns, &pid, &tid), 8)
-      << stamp;
-  char expect[128];
-  snprintf(expect, sizeof(expect), "%02d-%02d %02d:%02d:%02d:%06ld  %4d  %4d", mon, day, h, m, s, ns, pid,
-           tid);
-  EXPECT_EQ(stamp, expect);
-  const std::string head = stamp + " F DEBUG   : ";
-  std::vector<std::string> lines;
-  for (size_t pos = start, end; pos < log.size() && log.compare(pos, head.size(), head) == 0; pos = end + 1) {
-    end = log.find('\n', pos);
-    lines.push_back(log.substr(pos + head.size(), end - pos - head.size()));
+// The `count` crash records in `log`, each checked: its time stamp byte for byte, the
+// four header lines (the fault address a bare hexadecimal number or "(nil)"), then
+// frame lines "#01" on without gaps, so that a frame split at a "#" in its name, two
+// frames run together or another record's lines in between break the count; one of
+// them names `function`. Only a crash on another thread has a tid other than the pid,
+// and a lambda's frame ("#" in its name). Returns the records' thread ids.
+std::vector<int> expectRecords(const std::string& log, size_t count, const std::string& signalLine,
+                               const std::string& function, bool otherThread, bool lambdaFrame) {
+  std::vector<int> tids;
+  EXPECT_EQ(countSubstr(log, kStars), 2 * count) << "records";
+  for (size_t at = log.find(kStars); at != npos && tids.size() < count; at = log.find(kStars, at + 1)) {
+    const size_t start = log.rfind('\n', at) + 1;  // 0 when none
+    const std::string stamp = log.substr(start, at - start);
+    int mon, day, h, m, s, pid, tid;
+    long ns;
+    if (sscanf(stamp.c_str(), "%d-%d %d:%d:%d:%ld %d %d", &mon, &day, &h, &m, &s, &ns, &pid, &tid) != 8) {
+      ADD_FAILURE() << stamp;
+      break;
+    }
+    char expect[128];
+    snprintf(expect, sizeof(expect), "%02d-%02d %02d:%02d:%02d:%06ld  %4d  %4d", mon, day, h, m, s, ns, pid,
+             tid);
+    EXPECT_EQ(stamp, expect);
+    const std::string head = stamp + " F DEBUG   : ";
+    std::vector<std::string> lines;
+    size_t pos = start;
+    for (size_t end; pos < log.size() && log.compare(pos, head.size(), head) == 0; pos = end + 1) {
+      end = log.find('\n', pos);
+      lines.push_back(log.substr(pos + head.size(), end - pos - head.size()));
+    }
+    at = pos - 1;  // past this record's closing stars
+    if (lines.size() < 6) {
+      ADD_FAILURE() << "record of " << lines.size() << " lines";
+      break;
+    }
+    tids.push_back(tid);
+    EXPECT_EQ(head + lines[0], stamp + kStars);
+    EXPECT_EQ(lines[1], "pid: " + std::to_string(pid) + ", tid: " + std::to_string(tid));
+    EXPECT_EQ(lines[2].rfind(signalLine, 0), 0u) << lines[2];
+    EXPECT_EQ(lines[2].find_first_not_of("0123456789abcdefx(nil)", signalLine.size()), npos) << lines[2];
+    EXPECT_EQ(head + lines[3], stamp + kStars);
+    bool named = false, lambda = false;
+    for (size_t i = 4; i < lines.size(); ++i) {
+      snprintf(expect, sizeof(expect), "#%02zu pc ", i - 3);
+      EXPECT_EQ(lines[i].rfind(expect, 0), 0u) << lines[i];
+      named = named || lines[i].find("::" + function) != npos;
+      lambda = lambda || lines[i].find("::{lambda()#") != npos;
+    }
+    EXPECT_TRUE(named) << "no frame names " << function;
+    EXPECT_EQ(pid != tid, otherThread);
+    EXPECT_EQ(lambda, lambdaFrame);
   }
-  ASSERT_GE(lines.size(), 6u);
-  EXPECT_EQ(head + lines[0], stamp + kStars);
-  EXPECT_EQ(lines[1], "pid: " + std::to_string(pid) + ", tid: " + std::to_string(tid));
-  EXPECT_EQ(lines[2].rfind(signalLine, 0), 0u) << lines[2];
-  EXPECT_EQ(lines[2].find_first_not_of("0123456789abcdefx(nil)", signalLine.size()), npos) << lines[2];
-  EXPECT_EQ(head + lines[3], stamp + kStars);
-  bool named = false, lambda = false;
-  for (size_t i = 4; i < lines.size(); ++i) {
-    snprintf(expect, sizeof(expect), "#%02zu pc ", i - 3);
-    EXPECT_EQ(lines[i].rfind(expect, 0), 0u) << lines[i];
-    named = named || lines[i].find("::" + function) != npos;
-    lambda = lambda || lines[i].find("::{lambda()#") != npos;
-  }
-  EXPECT_TRUE(named) << "no frame names " << function;
-  EXPECT_EQ(pid != tid, otherThread);
-  EXPECT_EQ(lambda, otherThread);
+  EXPECT_EQ(tids.size(), count);
+  return tids;
 }
 
 }  // namespace
@@ -243,43 +345,85 @@ void expectRecord(const std::string& log, const std::string& signalLine, const s
 // Real faults where one can be made, raise() otherwise. With the default disposition
 // the process dies of the same signal; a previous handler is called with the same
 // information after the record is on disk; an ignored fault still ends the process.
-// When the Debug logger cannot be used (the crash is inside its own flush, or another
-// thread sits on its lock) the catcher skips it, still flushes Binary and dies.
+// Every case leaves its whole record and the lines logged before it exactly once: on
+// disk at once where the catcher can flush, else (the crash is inside the logger's
+// own flush, or another thread sits on its lock) written by the next start.
 TEST(CrashCatcher, EveryScenarioRecordsFlushesAndEndsAsBefore) {
+  enum Thread { kMain, kWorker, kDeepWorker };  // kDeepWorker: its lambda is beyond the frames shown
   struct Case {
     const char* scenario;
     int sig;
     const char* ending;
-    const char* signalLine;  // third header line up to the fault address; null: no record expected
+    const char* signalLine;  // third header line up to the fault address
     const char* function;    // a frame of the record names it
+    Thread thread;
+    size_t records;
+    bool onDiskAtCrash;  // false: only once the next start recovered it
   };
   const Case cases[] = {
-      {"fault", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()"},
-      {"fault", SIGABRT, "signal 6", "signal 6, code -6, fault addr ", "crashByAbort()"},
-      {"fault", SIGBUS, "signal 7", "signal 7, code 2, fault addr 0x", "crashByBus()"},
-      {"fault", SIGFPE, "signal 8", "signal 8, code 1, fault addr 0x", "crashByFpe()"},
-      {"fault", SIGILL, "signal 4", "signal 4, code 2, fault addr 0x", "crashByIll()"},
-      {"fault", SIGSYS, "signal 31", "signal 31, code -6, fault addr ", "crashBySys()"},
-      {"fault", SIGTRAP, "signal 5", "signal 5, code 128, fault addr ", "crashByTrap()"},
-      {"fault-in-thread", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()"},
-      {"chain-siginfo", SIGSEGV, "exit 211", "signal 11, code 1, fault addr 0x10", "crashBySegv()"},
-      {"chain-plain", SIGFPE, "exit 108", "signal 8, code 1, fault addr 0x", "crashByFpe()"},
-      {"ignored", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()"},
-      {"ignored", SIGSYS, "exit 0", "signal 31, code -6, fault addr ", "crashBySys()"},
-      {"unmatched", SIGUSR1, "exit 0", "signal 10, code 0, fault addr ", "TestBody()"},
-      {"fault-in-flush", SIGSEGV, "signal 11", nullptr, ""},
-      {"lock-held", SIGSEGV, "signal 11", nullptr, ""},
+      {"fault", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()", kMain, 1, true},
+      {"fault", SIGABRT, "signal 6", "signal 6, code -6, fault addr ", "crashByAbort()", kMain, 1, true},
+      {"fault", SIGBUS, "signal 7", "signal 7, code 2, fault addr 0x", "crashByBus()", kMain, 1, true},
+      {"fault", SIGFPE, "signal 8", "signal 8, code 1, fault addr 0x", "crashByFpe()", kMain, 1, true},
+      {"fault", SIGILL, "signal 4", "signal 4, code 2, fault addr 0x", "crashByIll()", kMain, 1, true},
+      {"fault", SIGSYS, "signal 31", "signal 31, code -6, fault addr ", "crashBySys()", kMain, 1, true},
+      {"fault", SIGTRAP, "signal 5", "signal 5, code 128, fault addr ", "crashByTrap()", kMain, 1, true},
+      {"fault-in-thread", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()",
+       kWorker, 1, true},
+      {"chain-siginfo", SIGSEGV, "exit 211", "signal 11, code 1, fault addr 0x10", "crashBySegv()", kMain, 1,
+       true},
+      {"chain-plain", SIGFPE, "exit 108", "signal 8, code 1, fault addr 0x", "crashByFpe()", kMain, 1, true},
+      {"ignored", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()", kMain, 1,
+       true},
+      {"ignored", SIGSYS, "exit 0", "signal 31, code -6, fault addr ", "crashBySys()", kMain, 1, true},
+      {"unmatched", SIGUSR1, "exit 0", "signal 10, code 0, fault addr ", "TestBody()", kMain, 1, true},
+      {"overflow-main", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x", "overflowStack(int)", kMain,
+       1, true},
+      {"overflow-worker", SIGSEGV, "signal 11", "signal 11, code 2, fault addr 0x", "overflowStack(int)",
+       kDeepWorker, 1, true},
+      {"bad-append", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashByBadAppend()", kMain,
+       1, true},
+      {"flush-loop", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()", kMain, 1,
+       true},
+      {"fault-in-flush", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10",
+       "crashInDebugFileWrite()", kMain, 1, false},
+      {"lock-held", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()", kWorker, 1,
+       false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.scenario) + " " + std::to_string(c.sig));
     CrashRun run = runCrash(c.scenario, c.sig);
     EXPECT_EQ(run.ending, c.ending) << run.output;
     EXPECT_NE(run.binaryLog.find("binary-marker\n"), npos);
-    if (c.signalLine != nullptr)
-      expectRecord(run.debugLog, c.signalLine, c.function, std::string(c.scenario) == "fault-in-thread");
+    EXPECT_EQ(countSubstr(run.debugAtExit, kStars), c.onDiskAtCrash ? 2 * c.records : 0);
+    expectRecords(run.debugLog, c.records, c.signalLine, c.function, c.thread != kMain, c.thread == kWorker);
+    expectEarlierLinesOnce(run.debugLog);
     EXPECT_EQ(errorLines(run.logcat, "SignalCatcher"),
               c.sig == SIGUSR1 ? Lines{"Signal 10 received, No action matching"} : Lines{});
     EXPECT_EQ(errorLines(run.logcat, "RegisterSignalHandlers"), Lines{});
+  }
+}
+
+// Threads that fault together each leave a whole record of their own before the
+// process dies. A race: repeated. Under ThreadSanitizer one of the threads enters its
+// handler only about 250 ms after the others have finished theirs (seen in every
+// run), which is no longer "together".
+TEST(CrashCatcher, ThreadsFaultingTogetherEachLeaveTheirRecord) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "the thread sanitizer holds one faulting thread back";
+#endif
+  for (int threads : {2, 4}) {
+    for (int round = 0; round < 3; ++round) {
+      SCOPED_TRACE(std::to_string(threads) + " threads, round " + std::to_string(round));
+      CrashRun run = runCrash("threads-" + std::to_string(threads), SIGSEGV);
+      EXPECT_EQ(run.ending, "signal 11") << run.output;
+      EXPECT_EQ(countSubstr(run.debugAtExit, kStars), 2u * threads);
+      std::vector<int> tids = expectRecords(run.debugLog, threads, "signal 11, code 1, fault addr 0x10",
+                                            "crashBySegv()", true, true);
+      std::sort(tids.begin(), tids.end());
+      EXPECT_EQ(std::unique(tids.begin(), tids.end()), tids.end()) << "one record per thread";
+      expectEarlierLinesOnce(run.debugLog);
+    }
   }
 }
 
@@ -289,4 +433,47 @@ TEST(CrashCatcher, RegistrationFailureOfOneSignalKeepsTheOthers) {
   EXPECT_EQ(run.ending, "exit 0") << run.output;
   EXPECT_EQ(errorLines(run.logcat, "RegisterSignalHandlers"),
             Lines{"Failed to register signal handler for SIGBUS"});
+}
+
+// Every thread that uses the library gets an alternate signal stack of its own with its
+// first use, given back when the thread ends; a thread that has one keeps it.
+TEST(CrashSignalStack, GivenWithFirstUseKeptIfOwnedReleasedAtExit) {
+  void* given = nullptr;
+  size_t givenSize = 0;
+  bool hadOne = false;  // a sanitizer runtime gives every thread one of its own
+  std::thread([&] {
+    stack_t before;
+    ASSERT_EQ(sigaltstack(nullptr, &before), 0);
+    hadOne = (before.ss_flags & SS_DISABLE) == 0;
+    zudebug::zuCurrentTid();  // what every log line does first
+    stack_t ss;
+    ASSERT_EQ(sigaltstack(nullptr, &ss), 0);
+    EXPECT_EQ(ss.ss_flags & SS_DISABLE, 0);
+    if (hadOne) {
+      EXPECT_EQ(ss.ss_sp, before.ss_sp);
+    }
+    given = ss.ss_sp;
+    givenSize = ss.ss_size;
+  }).join();
+  ASSERT_NE(given, nullptr);
+  if (!hadOne) {
+    EXPECT_GE(givenSize, 64u * 1024);
+    // Unmapped once the thread is gone.
+    EXPECT_EQ(msync(given, static_cast<size_t>(sysconf(_SC_PAGESIZE)), MS_ASYNC), -1);
+    EXPECT_EQ(errno, ENOMEM);
+  }
+
+  static char own[64 * 1024];
+  std::thread([] {
+    stack_t mine = {};
+    mine.ss_sp = own;
+    mine.ss_size = sizeof(own);
+    ASSERT_EQ(sigaltstack(&mine, nullptr), 0);
+    zudebug::PrepareCrashSignalStack();
+    stack_t ss;
+    ASSERT_EQ(sigaltstack(nullptr, &ss), 0);
+    EXPECT_EQ(ss.ss_sp, static_cast<void*>(own));
+    mine.ss_flags = SS_DISABLE;
+    sigaltstack(&mine, nullptr);
+  }).join();
 }

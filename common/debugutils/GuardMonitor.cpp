@@ -15,6 +15,7 @@
 #include <system_error>
 
 #include "ZuCallStackUtils.h"
+#include "ZuDebugOfflineLogger.h"
 #include "ZuDebugUtils.h"
 
 #define GM_TAG "Prax-GuardMonitor"
@@ -266,6 +267,8 @@ void GuardMonitor::registerFuncGuard(ModuleId module, const char* funcName, cons
     sThreadGuardData.reset(new ThreadGuardData());
     t = sThreadGuardData.get();
     addThread(t);
+    // A guarded thread is one the crash catcher must be able to run on.
+    PrepareCrashSignalStack();
   }
   int32_t depth;
   {

@@ -162,6 +162,8 @@ uint32_t zuCurrentTid() {
   if (c.epoch != epoch) {
     c.tid = static_cast<uint32_t>(syscall(SYS_gettid));
     c.epoch = epoch;
+    // First use on this thread (or after a fork): room for the crash catcher.
+    PrepareCrashSignalStack();
   }
   return c.tid;
 }
@@ -270,6 +272,7 @@ void ZuDegbugOfflineLogger::openPoolFile() {
         "OfflineLogger queue file in %s unusable (%s): queues kept in process memory only, lost if the "
         "process dies",
         dir.c_str(), why.c_str());
+  mPoolFile->prepareCrashArea();
 }
 
 // Under the pool mutex, with no append in flight: every block goes back to the system.
@@ -621,6 +624,7 @@ bool ZuDegbugOfflineLogger::forcedFlush(Deadline deadline, int* result) {
     PerLogThreadInfo& record = *mPerLogInfoPool[id];
     if (record.desc != nullptr && !record.bNeedFlush) writeRecordLocked(record, false, true);
   }
+  writeCrashRecordsLocked();
   rotateLocked();
   return true;
 }
@@ -701,6 +705,31 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool wai
     uint32_t count = mNeedFlushThreadCount.load(std::memory_order_relaxed);
     while (count > 0 && !mNeedFlushThreadCount.compare_exchange_weak(count, count - 1)) {
     }
+  }
+}
+
+// Under the file mutex: the crash records kept so far, each whole, in the order they
+// were kept. A record still being copied is left to its own catcher's flush.
+void ZuDegbugOfflineLogger::writeCrashRecordsLocked() {
+  if (!mPoolFile) return;
+  const pool::CrashArea& area = mPoolFile->crashArea();
+  uint32_t order[pool::kCrashSlots];
+  const uint32_t count = area.completeInOrder(order);
+  pool::PoolHeader* header = area.durable() ? mPoolFile->header() : nullptr;
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t slot = order[i];
+    if (!area.take(slot)) continue;
+    pool::CrashSlot& s = area.slot(slot);
+    const uint32_t used = pool::loadAcquire(&s.used);
+    const uint32_t from = s.flushed;
+    if (used > from) {
+      MappedIntent intent{header, pool::kCrashIntentBit | slot, from, used};
+      writeBytesLocked(area.data(slot) + from, used - from,
+                       header != nullptr ? &MappedIntent::record : nullptr, &intent);
+      pool::storeRelease(&s.flushed, used);
+      if (header != nullptr) pool::storeRelease(&header->intent.state, 0);
+    }
+    area.release(slot);
   }
 }
 
@@ -971,10 +1000,78 @@ bool ZuDegbugOfflineLogger::isHeldByCurrentThread() const {
          mQueueMutex.heldByCurrentThread() || mFileMutex.heldByCurrentThread();
 }
 
+// ---- crash records ----
+
+namespace {
+
+// "<year>-<month>-<day>--<h>-<m>-<s>-<usec>" of now, as file names carry it; empty
+// when the local time is not known.
+void formatTimeOfDay(char* out, size_t size, const char* fmt) {
+  struct timeval tv;
+  gettimeofday(&tv, nullptr);
+  struct tm tm;
+  out[0] = '\0';
+  if (localtime_r(&tv.tv_sec, &tm) != nullptr)
+    snprintf(out, size, fmt, tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+             static_cast<long>(tv.tv_usec));
+}
+
+// Writes bytes into a new file of the logger's type, with async-signal-safe calls.
+void writeCrashFile(const char* typeName, const uint8_t* data, uint32_t len) {
+  char stamp[64];
+  formatTimeOfDay(stamp, sizeof(stamp), "%2d-%02d-%02d--%02d-%02d-%02d-%03ld");
+  char name[PLATFORM_PATH_MAX];
+  snprintf(name, sizeof(name), "%s/ZuCam_%s_%s.txt", kLogDir, typeName, stamp);
+  char buf[PLATFORM_PATH_MAX];
+  const int fd =
+      ::open(platform_resolve_path(name, buf, sizeof(buf)), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  if (fd < 0) return;
+  fchmod(fd, 0666);
+  writeAll(fd, data, len);
+  ::close(fd);
+}
+
+}  // namespace
+
+ZuDegbugOfflineLogger::CrashKeep ZuDegbugOfflineLogger::keepCrashRecord(const char* text, uint32_t len,
+                                                                        Deadline deadline) {
+  if (!mAccepting.load(std::memory_order_acquire)) return CrashKeep::Off;
+  // The slots go away only under the write side of the pool lock. A thread stopped
+  // inside its own append already holds the shared side, and one stopped inside a
+  // stop holds the write side: neither may wait for it.
+  const threadLocalInfo& local = sThreadLocalInfo[slotOf(mZuOfflineLoggerType)];
+  const bool takeShared = !local.inAppend && !mPoolLock.heldByCurrentThread();
+  if (takeShared && !mPoolLock.lockShared(deadline)) return CrashKeep::NoRoom;
+  CrashKeep kept = CrashKeep::Off;
+  if (mAccepting.load(std::memory_order_acquire) && mPoolFile) {
+    const pool::CrashArea& area = mPoolFile->crashArea();
+    if (area.keep(text, len, zuCurrentTid()) < 0)
+      kept = CrashKeep::NoRoom;
+    else
+      kept = area.durable() ? CrashKeep::InPoolFile : CrashKeep::InMemory;
+  }
+  if (takeShared) mPoolLock.unlockShared();
+  return kept;
+}
+
+void ZuDegbugOfflineLogger::writeCrashRecordsStraight() {
+  if (!mAccepting.load(std::memory_order_acquire) || !mPoolFile) return;
+  const pool::CrashArea& area = mPoolFile->crashArea();
+  uint32_t order[pool::kCrashSlots];
+  const uint32_t count = area.completeInOrder(order);
+  for (uint32_t i = 0; i < count; ++i) {
+    if (!area.take(order[i])) continue;
+    const pool::CrashSlot& slot = area.slot(order[i]);
+    writeCrashFile(mTypeName.c_str(), area.data(order[i]) + slot.flushed, slot.used - slot.flushed);
+    area.release(order[i]);
+  }
+}
+
 // ---- crash signal catcher ----
 
 }  // namespace zudebug
 
+#include <sys/mman.h>
 #include <utils/CallStack.h>
 #include <utils/String8.h>
 
@@ -993,8 +1090,11 @@ struct sigaction sPreviousActions[kMaxSignal];
 bool sPreviousSaved[kMaxSignal];
 
 // Waiting for the offline logger's locks stops after this long in all; then the
-// record is skipped and the signal passed on.
+// flush is skipped (the record stays in its crash slot) and the signal passed on.
 constexpr int kLockBudgetMs = 2000;
+// A catcher that is done waits at most this long for catchers of other threads that
+// are still writing their records before it passes its signal on.
+constexpr int kOthersBudgetMs = 2000;
 // Should the catcher itself get stuck anyway (a lock of the C library held by the
 // interrupted code), the process is killed after this long instead of hanging.
 constexpr int kWatchdogSeconds = 10;
@@ -1002,6 +1102,92 @@ constexpr int kWatchdogSeconds = 10;
 // Set while this thread writes a record: a signal raised meanwhile is passed on at
 // once.
 thread_local int sCatcherDepth = 0;
+// Catchers between taking their record and finishing their flush, over all threads,
+// and how many ever started.
+std::atomic<int> sCatchersInFlight{0};
+std::atomic<int> sCatchersStarted{0};
+// How long a finished catcher watches for others to start before it goes on.
+constexpr int kQuietSpellMs = 20;
+
+// Room for the catcher on every thread that uses the library, also when the thread's
+// own stack has overflowed. Sanitizer builds need more of it.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t kAltStackBytes = 512 * 1024;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr size_t kAltStackBytes = 512 * 1024;
+#else
+constexpr size_t kAltStackBytes = 128 * 1024;
+#endif
+#else
+constexpr size_t kAltStackBytes = 128 * 1024;
+#endif
+
+struct AltStackLayout {
+  size_t page;
+  size_t usable;
+};
+
+AltStackLayout altStackLayout() {
+  static const AltStackLayout layout = [] {
+    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size_t usable = kAltStackBytes;
+#ifdef _SC_SIGSTKSZ
+    const long platformMin = sysconf(_SC_SIGSTKSZ);
+    if (platformMin > 0 && static_cast<size_t>(platformMin) > usable)
+      usable = static_cast<size_t>(platformMin);
+#endif
+    usable = (usable + page - 1) / page * page;
+    return AltStackLayout{page, usable};
+  }();
+  return layout;
+}
+
+// At thread exit: the stack is turned off before it is unmapped.
+void releaseAltStack(void* base) {
+  const AltStackLayout layout = altStackLayout();
+  char* usable = static_cast<char*>(base) + layout.page;
+  stack_t current;
+  if (sigaltstack(nullptr, &current) == 0 && current.ss_sp == usable) {
+    stack_t off;
+    memset(&off, 0, sizeof(off));
+    off.ss_flags = SS_DISABLE;
+    sigaltstack(&off, nullptr);
+  }
+  munmap(base, layout.page + layout.usable);
+}
+
+pthread_key_t makeAltStackKey() {
+  pthread_key_t key;
+  return pthread_key_create(&key, releaseAltStack) == 0 ? key : static_cast<pthread_key_t>(-1);
+}
+
+}  // namespace
+
+void PrepareCrashSignalStack() {
+  if (sCatcherDepth != 0) return;
+  static const pthread_key_t key = makeAltStackKey();
+  stack_t current;
+  if (key == static_cast<pthread_key_t>(-1) || sigaltstack(nullptr, &current) != 0) return;
+  // A thread that has one keeps it (also ours, inherited by a forked child).
+  if ((current.ss_flags & SS_DISABLE) == 0) return;
+  const AltStackLayout layout = altStackLayout();
+  void* base = mmap(nullptr, layout.page + layout.usable, PROT_READ | PROT_WRITE,
+                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (base == MAP_FAILED) return;
+  // A guard page below it: a catcher that runs out of room dies at once.
+  mprotect(base, layout.page, PROT_NONE);
+  stack_t ss;
+  memset(&ss, 0, sizeof(ss));
+  ss.ss_sp = static_cast<char*>(base) + layout.page;
+  ss.ss_size = layout.usable;
+  if (sigaltstack(&ss, nullptr) != 0 || pthread_setspecific(key, base) != 0) {
+    releaseAltStack(base);
+    return;
+  }
+}
+
+namespace {
 
 bool isCaught(int signal) {
   for (int s : kCaughtSignals)
@@ -1084,7 +1270,41 @@ bool formatStamp(char* stamp, size_t size) {
   return true;
 }
 
-void writeHeader(const char* stamp, int signal, const siginfo_t* info, int timeoutMs) {
+// The whole record of one crash, composed before it is handed to the logger, so that
+// it reaches the log in one piece. Lines that no longer fit are left out whole.
+struct CrashRecord {
+  char text[pool::kCrashSlotBytes];
+  uint32_t len = 0;
+  void add(const char* line, size_t n) {
+    if (n == 0 || n > sizeof(text) - len) return;
+    memcpy(text + len, line, n);
+    len += static_cast<uint32_t>(n);
+  }
+};
+
+// Records are composed in process memory, not on the (alternate) stack, which may be
+// small. One per catcher running at once; a catcher finding none taken leaves no record.
+constexpr uint32_t kRecordBuffers = 8;
+CrashRecord sRecordBuffers[kRecordBuffers];
+std::atomic<uint32_t> sRecordBuffersTaken{0};
+
+CrashRecord* takeRecordBuffer() {
+  for (uint32_t i = 0; i < kRecordBuffers; ++i) {
+    const uint32_t bit = 1u << i;
+    if ((sRecordBuffersTaken.fetch_or(bit, std::memory_order_acq_rel) & bit) == 0) {
+      sRecordBuffers[i].len = 0;
+      return &sRecordBuffers[i];
+    }
+  }
+  return nullptr;
+}
+
+void giveBackRecordBuffer(CrashRecord* record) {
+  const uint32_t i = static_cast<uint32_t>(record - sRecordBuffers);
+  sRecordBuffersTaken.fetch_and(~(1u << i), std::memory_order_acq_rel);
+}
+
+void addHeader(CrashRecord& record, const char* stamp, int signal, const siginfo_t* info) {
   char header[1024];
   snprintf(header, sizeof(header),
            "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n"
@@ -1093,8 +1313,7 @@ void writeHeader(const char* stamp, int signal, const siginfo_t* info, int timeo
            "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n",
            stamp, stamp, static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)), stamp, signal,
            info != nullptr ? info->si_code : 0, info != nullptr ? info->si_addr : nullptr, stamp);
-  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)
-      ->addLogInterfaceTimed(header, static_cast<unsigned int>(strnlen(header, sizeof(header))), timeoutMs);
+  record.add(header, strnlen(header, sizeof(header)));
 }
 
 // Next "#" that starts a frame line. A "#" inside a symbol name ("{lambda()#1}")
@@ -1108,8 +1327,7 @@ char* nextFrameMark(char* from, const char* text) {
 // One line per piece of the stack text between frame marks ("#"). The text before
 // the first mark and the catcher's own frame are left out; every other piece keeps
 // the newline that ended its frame.
-void writeFrames(char* text, const char* stamp, std::chrono::steady_clock::time_point deadline) {
-  ZuDebugInterface* debug = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug);
+void addFrames(CrashRecord& record, char* text, const char* stamp) {
   char line[1024];
   int piece = 0;
   for (char* p = text; p != nullptr;) {
@@ -1118,18 +1336,60 @@ void writeFrames(char* text, const char* stamp, std::chrono::steady_clock::time_
     if (piece++ >= 2) {
       int n = stamp != nullptr ? snprintf(line, sizeof(line), "%s F DEBUG   : #%s", stamp, p)
                                : snprintf(line, sizeof(line), "F DEBUG   : #%s", p);
-      if (n > 0) {
-        size_t len = std::min(static_cast<size_t>(n), sizeof(line) - 1);
-        debug->addLogInterfaceTimed(line, static_cast<unsigned int>(len), remainingMs(deadline));
-      }
+      if (n > 0) record.add(line, std::min(static_cast<size_t>(n), sizeof(line) - 1));
     }
     p = mark != nullptr ? mark + 1 : nullptr;
+  }
+}
+
+// Hands the record to the Debug logger and forces both loggers to disk. A record the
+// flush could not write stays in its crash slot: in the pool file it waits for the
+// next start; in process memory it is written straight into a file of its own.
+void keepAndFlush(const CrashRecord* record, Clock::time_point deadline) {
+  ZuDegbugOfflineLogger* logger = ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType::Debug);
+  using Keep = ZuDegbugOfflineLogger::CrashKeep;
+  const Keep kept = record != nullptr && record->len > 0
+                        ? logger->keepCrashRecord(record->text, record->len, deadline)
+                        : Keep::Off;
+  const bool flushed = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)
+                           ->flushLogToFileInterfaceTimed(true, remainingMs(deadline));
+  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)
+      ->flushLogToFileInterfaceTimed(true, remainingMs(deadline));
+  if (flushed) return;
+  if (kept == Keep::InMemory) {
+    logger->writeCrashRecordsStraight();
+  } else if (kept == Keep::NoRoom) {
+    writeCrashFile("Debug", reinterpret_cast<const uint8_t*>(record->text), record->len);
+  }
+}
+
+// Catchers of other threads may still be writing their records: the process dies
+// with the first signal passed on, so wait for them, a bounded while. A thread that
+// faulted but has not been given a processor yet is not counted: once none is left,
+// a short quiet spell in which no new one starts ends the wait.
+void waitForOtherCatchers() {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(kOthersBudgetMs);
+  auto quietUntil = Clock::now() + std::chrono::milliseconds(kQuietSpellMs);
+  int started = sCatchersStarted.load(std::memory_order_acquire);
+  for (;;) {
+    const auto now = Clock::now();
+    if (now >= deadline) return;
+    const int startedNow = sCatchersStarted.load(std::memory_order_acquire);
+    if (startedNow != started || sCatchersInFlight.load(std::memory_order_acquire) > 0) {
+      started = startedNow;
+      quietUntil = now + std::chrono::milliseconds(kQuietSpellMs);
+    } else if (now >= quietUntil) {
+      return;
+    }
+    struct timespec pause = {0, 1000000};
+    nanosleep(&pause, nullptr);
   }
 }
 
 }  // namespace
 
 void RegisterSignalHandlers() {
+  PrepareCrashSignalStack();
   struct sigaction current;
   memset(&current, 0, sizeof(current));
   bool gotSegv = sigaction(SIGSEGV, nullptr, &current) == 0;
@@ -1145,7 +1405,8 @@ void RegisterSignalHandlers() {
   struct sigaction action;
   memset(&action, 0, sizeof(action));
   action.sa_mask = current.sa_mask;
-  action.sa_flags = current.sa_flags | SA_SIGINFO;
+  // On the thread's alternate stack, so that a stack overflow is caught too.
+  action.sa_flags = current.sa_flags | SA_SIGINFO | SA_ONSTACK;
   action.sa_sigaction = SignalCatcher;
 
   for (int signal : kCaughtSignals) {
@@ -1194,10 +1455,14 @@ void SignalCatcher(int signal, siginfo_t* info, void* context) {
   CatcherWatchdog watchdog;
   if (sCatcherDepth == 0) {
     ++sCatcherDepth;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLockBudgetMs);
+    sCatchersInFlight.fetch_add(1, std::memory_order_acq_rel);
+    sCatchersStarted.fetch_add(1, std::memory_order_acq_rel);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kLockBudgetMs);
     char stamp[100] = "";
     const bool haveStamp = formatStamp(stamp, sizeof(stamp));
-    if (haveStamp) writeHeader(stamp, signal, info, remainingMs(deadline));
+    CrashRecord* record = takeRecordBuffer();
+    if (record == nullptr) ZU_DBG_LOGE("Signal %d: too many crashes at once, no record of this one", signal);
+    if (record != nullptr && haveStamp) addHeader(*record, stamp, signal, info);
 
     // Captured here, so that the first frame is this function.
     char text[4096];
@@ -1207,15 +1472,16 @@ void SignalCatcher(int signal, siginfo_t* info, void* context) {
       android::String8 rendered = stack.toString(nullptr);
       size_t len = std::min(rendered.length(), sizeof(text) - 1);
       memcpy(text, rendered.c_str(), len);
+      // A deep stack is cut at the last whole frame, never inside one.
+      if (len < rendered.length())
+        while (len > 0 && text[len - 1] != '\n') --len;
       text[len] = '\0';
     }
-    writeFrames(text, haveStamp ? stamp : nullptr, deadline);
-
-    // Both loggers to disk; a logger whose locks cannot be had in time is skipped.
-    ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)
-        ->flushLogToFileInterfaceTimed(true, remainingMs(deadline));
-    ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)
-        ->flushLogToFileInterfaceTimed(true, remainingMs(deadline));
+    if (record != nullptr) addFrames(*record, text, haveStamp ? stamp : nullptr);
+    keepAndFlush(record, deadline);
+    if (record != nullptr) giveBackRecordBuffer(record);
+    sCatchersInFlight.fetch_sub(1, std::memory_order_acq_rel);
+    waitForOtherCatchers();
     --sCatcherDepth;
   }
   watchdog.disarm();

@@ -173,6 +173,17 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   // `result` receives what flushLogToFile would return.
   bool flushLogToFileUntil(bool force, Deadline deadline, int* result = nullptr);
 
+  // Crash records, for the crash catcher. keepCrashRecord copies a whole record into a
+  // crash slot of the pool without taking the logger's locks, also when the calling
+  // thread was stopped inside them; the next forced flush writes it behind the queues.
+  // A record kept in the pool file that no flush wrote is written by the next start.
+  enum class CrashKeep { Off, InPoolFile, InMemory, NoRoom };
+  CrashKeep keepCrashRecord(const char* text, uint32_t len, Deadline deadline);
+  // Writes the kept records that no flush took into a file of their own, with
+  // async-signal-safe calls only: for records kept in process memory when the forced
+  // flush could not run.
+  void writeCrashRecordsStraight();
+
   // Status values.
   static constexpr uint32_t kStatusActive = 0;
   static constexpr uint32_t kStatusStopping = 1;
@@ -199,6 +210,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   void recycleLocked(int registerId, PerLogThreadInfo& record);
   void rotateLocked();
   void writeRecordLocked(PerLogThreadInfo& record, bool waiting, bool force);
+  void writeCrashRecordsLocked();
   bool writeBytesLocked(const uint8_t* data, uint32_t len, void (*intent)(void*, const char*, uint64_t),
                         void* ctx);
   void openNewFileLocked();
@@ -254,6 +266,10 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
 
 // ---- crash signal catcher ----
 ZUDEBUG_EXPORT void RegisterSignalHandlers();
+// Gives the calling thread an alternate signal stack unless it has one, so that the
+// catcher runs even on a thread whose own stack overflowed; released at thread exit.
+// Every thread that logs gets one with its first line.
+ZUDEBUG_EXPORT void PrepareCrashSignalStack();
 ZUDEBUG_EXPORT void SignalCatcher(int signal, siginfo_t* info, void* context);
 ZUDEBUG_EXPORT void InvokeDefaultHndlr(const struct sigaction& action, int signal, siginfo_t* info,
                                        void* context);
