@@ -355,4 +355,9 @@ TEST(SnapshotJson, DamagedFilesAreRewrittenAsValidJson) {
   EXPECT_EQ(logged("JSON parse error: Invalid encoding in string."), 1u);
   EXPECT_GE(logged("JSON root is not an object"), 2u);
   EXPECT_EQ(logged("JSON nested deeper than 64 levels"), 1u);
+  // The 10 MB one was moved aside whole rather than read.
+  EXPECT_EQ(logged("/data/vendor/camera/praxErrorSnapdump.json passed 1048576 bytes: moved to "
+                   "/data/vendor/camera/praxErrorSnapdump.json.old, a new one is started"),
+            1u);
+  EXPECT_EQ(readFile(std::string(kJsonFile) + ".old"), garbage);
 }

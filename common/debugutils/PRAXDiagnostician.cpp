@@ -41,6 +41,9 @@ constexpr const char* kDumpDir = "/data/vendor/camera/offlinelog/";
 constexpr const char* kJsonPath = "/data/vendor/camera/praxErrorSnapdump.json";
 // Deeper documents are cut here: nothing this file ever holds nests more than five levels.
 constexpr size_t kMaxJsonDepth = 64;
+// A failed capture adds about 1 KB: past 1 MiB the file is moved aside (the one before
+// it is replaced) and a new one started, so that it never grows without end.
+constexpr long long kMaxJsonFileBytes = 1048576;
 
 std::string todayDumpPath() { return std::string(kDumpDir) + "PRAX_DumpInfo_" + getTodayDate() + ".txt"; }
 
@@ -410,12 +413,25 @@ void writeSnapshotInfoToJsonFile(const std::shared_ptr<SnapshotRecord>& record) 
 
   std::string content;
   FILE* in = fopen(path, "r+");
+  struct stat st;
   if (in == nullptr) {
     ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "%s file open error:%s", kJsonPath, strerror(errno));
+  } else if (fstat(fileno(in), &st) == 0 && st.st_size > kMaxJsonFileBytes) {
+    fclose(in);
+    const std::string aside = std::string(path) + ".old";
+    if (rename(path, aside.c_str()) == 0)
+      ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "%s passed %lld bytes: moved to %s.old, a new one is started",
+              kJsonPath, kMaxJsonFileBytes, kJsonPath);
+    else
+      ZU_LOGE(kDiagTag, ZU_GROUP_HAL, "%s passed %lld bytes and cannot be moved aside (%s): started over",
+              kJsonPath, kMaxJsonFileBytes, strerror(errno));
   } else {
     char buf[65536];
     size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), in)) > 0) content.append(buf, n);
+    // Read no further than the limit, should the file grow meanwhile.
+    while (static_cast<long long>(content.size()) <= kMaxJsonFileBytes &&
+           (n = fread(buf, 1, sizeof(buf), in)) > 0)
+      content.append(buf, n);
     ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "JSON file content:%s", content.c_str());
     fclose(in);
   }
