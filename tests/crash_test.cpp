@@ -228,9 +228,13 @@ std::string debugFiles(const TempRoot& root) {
   return log;
 }
 
-CrashRun runCrash(const std::string& scenario, int sig) {
+// `poolInMemory`: the queue file cannot be made, so the queues and crash slots live
+// in process memory.
+CrashRun runCrash(const std::string& scenario, int sig, bool poolInMemory = false) {
   TempRoot root;
-  root.setProps({{"persist.vendor.camera.offlinedebug.mask", "1"}});
+  root.setProps({{"persist.vendor.camera.offlinedebug.mask", "1"},
+                 {"persist.vendor.camera.offlinelog.pooldir", "/data/vendor/camera/no-pool/here"}});
+  if (poolInMemory) root.writeFile("data/vendor/camera/no-pool", "a file where a directory should be");
   // Sanitizers keep their own fault handlers out of the way, so that the catcher
   // chains to the default action as in a plain build. The catcher is not
   // async-signal-safe by design (a best-effort last write), which the thread
@@ -425,6 +429,16 @@ TEST(CrashCatcher, ThreadsFaultingTogetherEachLeaveTheirRecord) {
       expectEarlierLinesOnce(run.debugLog);
     }
   }
+}
+
+// Without a queue file, a record that the flush cannot write goes straight into a
+// file of its own; the queued lines die with the process, as they must.
+TEST(CrashCatcher, RecordWithoutQueueFileIsWrittenStraight) {
+  CrashRun run = runCrash("lock-held", SIGSEGV, true);
+  EXPECT_EQ(run.ending, "signal 11") << run.output;
+  EXPECT_EQ(run.debugAtExit, run.debugLog) << "nothing left to recover";
+  expectRecords(run.debugAtExit, 1, "signal 11, code 1, fault addr 0x10", "crashBySegv()", true, true);
+  EXPECT_EQ(countSubstr(run.debugAtExit, "before the crash"), 0u);
 }
 
 // An injected failure for SIGBUS (checked in the child: the others are installed).
