@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <set>
 #include <string>
@@ -131,16 +132,16 @@ TEST(OfflineLogger, FacadeAndSessionsChild) {
     EXPECT_EQ(countSubstr(text, line), 1u) << line;
   EXPECT_NE(readFile("logcat.txt").find("X mSessionCount 3"), std::string::npos);
 
-  // Bounded calls in a new session: refused at once while the caller holds the control
-  // mutex; while another thread holds it a flush gives up, an append does not need it.
+  // Bounded flushes in a new session: refused at once while the caller holds the
+  // control mutex; while another thread holds it they give up at the deadline.
   ASSERT_EQ(debug->startOfflineLogger(), 0);
   EXPECT_FALSE(logger()->isHeldByCurrentThread());
   const char line[] = "bounded line\n";
-  EXPECT_TRUE(debug->addLogInterfaceTimed(line, sizeof(line) - 1, 100));
+  const auto in = [](int ms) { return std::chrono::steady_clock::now() + std::chrono::milliseconds(ms); };
+  debug->addLogInterface(line, sizeof(line) - 1);
   {
     std::lock_guard<ZuOwnedRecursiveMutex> control(debug->controlMutex());
-    EXPECT_FALSE(debug->addLogInterfaceTimed(line, sizeof(line) - 1, 100));
-    EXPECT_FALSE(debug->flushLogToFileInterfaceTimed(true, 100));
+    EXPECT_FALSE(debug->flushLogToFileInterfaceUntil(true, in(100)));
   }
   std::atomic<int> stage{0};
   std::thread holder([&] {
@@ -148,12 +149,11 @@ TEST(OfflineLogger, FacadeAndSessionsChild) {
     for (stage = 1; stage != 2;) usleep(1000);
   });
   while (stage != 1) usleep(1000);
-  EXPECT_FALSE(debug->flushLogToFileInterfaceTimed(true, 50));
-  EXPECT_TRUE(debug->addLogInterfaceTimed(line, sizeof(line) - 1, 50)) << "appends need no control mutex";
+  EXPECT_FALSE(debug->flushLogToFileInterfaceUntil(true, in(50)));
   stage = 2;
   holder.join();
-  EXPECT_TRUE(debug->flushLogToFileInterfaceTimed(true, 1000));
-  EXPECT_EQ(countSubstr(allLogText(), "bounded line\n"), 2u);
+  EXPECT_TRUE(debug->flushLogToFileInterfaceUntil(true, in(1000)));
+  EXPECT_EQ(countSubstr(allLogText(), "bounded line\n"), 1u);
   EXPECT_TRUE(logger()->isEnableOfflinelogger());
 }
 

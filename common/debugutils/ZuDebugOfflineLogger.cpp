@@ -418,11 +418,6 @@ void ZuDegbugOfflineLogger::addLog(const char* line, unsigned int length) {
   addLogImpl(line, length, Clock::time_point::max());
 }
 
-bool ZuDegbugOfflineLogger::addLogUntil(const char* line, unsigned int length, Deadline deadline) {
-  if (isHeldByCurrentThread()) return false;
-  return addLogImpl(line, length, deadline) == AppendResult::Done;
-}
-
 namespace {
 
 // Copies a line behind the thread's last one and publishes it: the block's durable
@@ -933,7 +928,6 @@ int ZuDegbugOfflineLogger::start() {
   }
   mStatus.store(kStatusActive);
   mAccepting.store(true, std::memory_order_release);
-  mEverStarted = true;
   // Lines appended meanwhile wait in memory; the recovered ones reach the files first.
   recoverDeadProcesses();
   return 0;
@@ -992,6 +986,21 @@ bool ZuDegbugOfflineLogger::isEnableOfflinelogger() { return mStatus.load() == k
 bool ZuDegbugOfflineLogger::setFlushTriggerLink(void (*trigger)()) {
   if (trigger == nullptr) return false;
   mFlushTrigger.store(trigger, std::memory_order_release);
+  return true;
+}
+
+bool ZuDegbugOfflineLogger::setCrashFlushLink(CrashFlushLink link) {
+  if (link == nullptr) return false;
+  mCrashFlushLink.store(link, std::memory_order_release);
+  return true;
+}
+
+bool ZuDegbugOfflineLogger::flushForCrash(Deadline deadline) {
+  if (CrashFlushLink link = mCrashFlushLink.load(std::memory_order_acquire))
+    return link(mZuOfflineLoggerType, deadline);
+  int result = 0;
+  if (!flushLogToFileUntil(true, deadline, &result)) return false;
+  if (result == 0) activeOfflineLogger();
   return true;
 }
 
@@ -1081,8 +1090,14 @@ namespace zudebug {
 
 namespace {
 
-// The signals the catcher handles, in the order they are installed.
-constexpr int kCaughtSignals[] = {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSYS, SIGTRAP};
+// The signals the catcher handles, in the order they are installed, with their names.
+struct CaughtSignal {
+  int number;
+  const char* name;
+};
+constexpr CaughtSignal kCaughtSignals[] = {{SIGSEGV, "SIGSEGV"}, {SIGABRT, "SIGABRT"}, {SIGBUS, "SIGBUS"},
+                                           {SIGFPE, "SIGFPE"},   {SIGILL, "SIGILL"},   {SIGSYS, "SIGSYS"},
+                                           {SIGTRAP, "SIGTRAP"}};
 constexpr int kMaxSignal = 32;
 
 // Previous action of each caught signal, by signal number.
@@ -1190,8 +1205,8 @@ void PrepareCrashSignalStack() {
 namespace {
 
 bool isCaught(int signal) {
-  for (int s : kCaughtSignals)
-    if (s == signal) return true;
+  for (const CaughtSignal& s : kCaughtSignals)
+    if (s.number == signal) return true;
   return false;
 }
 
@@ -1251,12 +1266,6 @@ class CatcherWatchdog {
  private:
   int mTimer = -1;
 };
-
-int remainingMs(std::chrono::steady_clock::time_point deadline) {
-  auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-  return left.count() > 0 ? static_cast<int>(left.count()) : 0;
-}
 
 // Time stamp of every record line; false when the local time is not known.
 bool formatStamp(char* stamp, size_t size) {
@@ -1351,10 +1360,8 @@ void keepAndFlush(const CrashRecord* record, Clock::time_point deadline) {
   const Keep kept = record != nullptr && record->len > 0
                         ? logger->keepCrashRecord(record->text, record->len, deadline)
                         : Keep::Off;
-  const bool flushed = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)
-                           ->flushLogToFileInterfaceTimed(true, remainingMs(deadline));
-  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)
-      ->flushLogToFileInterfaceTimed(true, remainingMs(deadline));
+  const bool flushed = logger->flushForCrash(deadline);
+  ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType::Binary)->flushForCrash(deadline);
   if (flushed) return;
   if (kept == Keep::InMemory) {
     logger->writeCrashRecordsStraight();
@@ -1409,7 +1416,8 @@ void RegisterSignalHandlers() {
   action.sa_flags = current.sa_flags | SA_SIGINFO | SA_ONSTACK;
   action.sa_sigaction = SignalCatcher;
 
-  for (int signal : kCaughtSignals) {
+  for (const CaughtSignal& caught : kCaughtSignals) {
+    const int signal = caught.number;
     bool ok;
     if (signal == SIGSEGV) {
       ok = sigaction(signal, &action, nullptr) == 0;
@@ -1423,30 +1431,7 @@ void RegisterSignalHandlers() {
         sPreviousSaved[signal] = true;
       }
     }
-    if (ok) continue;
-    switch (signal) {
-      case SIGSEGV:
-        ZU_DBG_LOGE("Failed to register signal handler for SIGSEGV");
-        break;
-      case SIGABRT:
-        ZU_DBG_LOGE("Failed to register signal handler for SIGABRT");
-        break;
-      case SIGBUS:
-        ZU_DBG_LOGE("Failed to register signal handler for SIGBUS");
-        break;
-      case SIGFPE:
-        ZU_DBG_LOGE("Failed to register signal handler for SIGFPE");
-        break;
-      case SIGILL:
-        ZU_DBG_LOGE("Failed to register signal handler for SIGILL");
-        break;
-      case SIGSYS:
-        ZU_DBG_LOGE("Failed to register signal handler for SIGSYS");
-        break;
-      default:
-        ZU_DBG_LOGE("Failed to register signal handler for SIGTRAP");
-        break;
-    }
+    if (!ok) ZU_DBG_LOGE("Failed to register signal handler for %s", caught.name);
   }
 }
 

@@ -144,6 +144,13 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   void activeOfflineLogger();
   bool isEnableOfflinelogger();
   bool setFlushTriggerLink(void (*trigger)());
+  // The forced flush a crash handler asks for. Whoever serialises this logger's
+  // forced flushes (the facade, with its control mutex) registers here how to do one
+  // within a deadline; without a link the logger flushes on its own.
+  using CrashFlushLink = bool (*)(ZuOfflineLoggerType type, Deadline deadline);
+  bool setCrashFlushLink(CrashFlushLink link);
+  // False when the flush could not be done in time.
+  bool flushForCrash(Deadline deadline);
 
   // Queues.
   int allocateLogQueueMemPool();
@@ -166,10 +173,9 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   // copies of its queues and leaves the parent's pool file to the parent.
   void detachPoolAfterFork();
 
-  // Bounded variants for callers that must not block (a crash handler): every lock is
-  // waited for until `deadline` at most. They return false, having changed nothing,
-  // when a lock could not be had in time or the calling thread already holds one.
-  bool addLogUntil(const char* line, unsigned int length, Deadline deadline);
+  // Bounded variant for callers that must not block (a crash handler): every lock is
+  // waited for until `deadline` at most. False, having changed nothing, when a lock
+  // could not be had in time or the calling thread already holds one.
   // `result` receives what flushLogToFile would return.
   bool flushLogToFileUntil(bool force, Deadline deadline, int* result = nullptr);
 
@@ -252,8 +258,8 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   std::string mTypeName;
   uint32_t mFileLimit = 10;
   bool mDirectoryScanned = false;
-  bool mEverStarted = false;
   std::atomic<void (*)()> mFlushTrigger{nullptr};
+  std::atomic<CrashFlushLink> mCrashFlushLink{nullptr};
 
   // Files.
   std::string mCurrentFileName;

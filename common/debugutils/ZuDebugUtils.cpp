@@ -251,13 +251,7 @@ void escalate(char* report) {
                       "%s %s():%d [CAM_LOG_SYSTEM][PRAX] send error to ZEBQ CamErrorString: %.*s\n",
                       Log::getFileName(__FILE__), "logSystem", __LINE__,
                       static_cast<int>(strnlen(report, kReportSize)), report);
-  ZuDebugInterface* debug = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug);
-  if (debug->isEnabled()) {
-    std::lock_guard<ZuOwnedRecursiveMutex> control(debug->controlMutex());
-    ZuDegbugOfflineLogger* logger = ZuDegbugOfflineLogger::getInstance(debug->getType());
-    logger->flushLogToFile(true);
-    logger->activeOfflineLogger();
-  }
+  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)->flushLogToFileInterface(true);
   camlog::send_message_to_zebq(report, 0, camlog::CAM_LOG_SYSTEM);
 }
 
@@ -268,10 +262,48 @@ bool escalationWanted() {
   return mode == 1 || mode == 3;
 }
 
-void appendOffline(const char* line, size_t length) {
-  ZuDebugInterface* debug = ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug);
-  if (debug->isEnabled())
-    ZuDegbugOfflineLogger::getInstance(debug->getType())->addLog(line, static_cast<unsigned int>(length));
+// Where a line was logged from; lines without one carry only their group.
+struct CallSite {
+  const char* file;
+  const char* func;
+  int line;
+};
+
+// One line of either form: formatted, kept in the offline log, errors kept apart and
+// escalated.
+void emitLine(unsigned int group, const char* level, const CallSite* site, const char* fmt, va_list ap) {
+  char buf[kLineSize];
+  const size_t p = formatStamp(buf, level);
+  const char* tag = Log::zuaGroupToTag(group);
+  const char* label = Log::zuaGroupToString(group);
+  LineCursor origin = groupOrigin(buf, p, tag, label);
+  if (site != nullptr)
+    putCallSite(origin, site->file, site->line, site->func);
+  else
+    origin.terminate();
+  const size_t n = finishLine(buf, origin.pos, fmt, ap);
+
+  const bool isError = isErrorLevel(level);
+  if (site != nullptr) {
+    // Error lines are kept apart even while offline logging is off.
+    if (isError) ZuDebugInterface::appendErrorInfo(buf);
+    if (zuDebugMask() == 0) return;
+  }
+  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)
+      ->addLogInterface(buf, static_cast<unsigned int>(n + 1));
+  if (!isError || !escalationWanted()) return;
+  char report[kReportSize];
+  memset(report, 0, sizeof(report));
+  if (site != nullptr) {
+    // The message itself stays out of the report.
+    snprintf(report, sizeof(report), "%s:%s %s:%d fail", tag, label, orEmpty(site->file), site->line);
+  } else {
+    // The line without its time stamp: at most 512 bytes, which need not leave room
+    // for a terminating zero.
+    const size_t rest = n + 2 - p;  // text, "\n" and the zero behind it
+    memcpy(report, buf + p, rest < kReportSize ? rest : kReportSize);
+  }
+  escalate(report);
 }
 
 }  // namespace
@@ -279,52 +311,19 @@ void appendOffline(const char* line, size_t length) {
 void Log::logSystem(unsigned int group, const char* level, const char* file, const char* func, int line,
                     const char* fmt, ...) {
   if (gZuCamLogGroup == 0) return;
-  char buf[kLineSize];
-  const size_t p = formatStamp(buf, level);
-  const char* tag = zuaGroupToTag(group);
-  const char* label = zuaGroupToString(group);
-  LineCursor origin = groupOrigin(buf, p, tag, label);
-  putCallSite(origin, file, line, func);
+  const CallSite site = {file, func, line};
   va_list ap;
   va_start(ap, fmt);
-  const size_t n = finishLine(buf, origin.pos, fmt, ap);
+  emitLine(group, level, &site, fmt, ap);
   va_end(ap);
-
-  const bool isError = isErrorLevel(level);
-  // Error lines are kept apart even while offline logging is off.
-  if (isError) ZuDebugInterface::appendErrorInfo(buf);
-  if (zuDebugMask() == 0) return;
-  appendOffline(buf, n + 1);
-  if (!isError || !escalationWanted()) return;
-  // The message itself stays out of the report.
-  char report[kReportSize];
-  memset(report, 0, sizeof(report));
-  snprintf(report, sizeof(report), "%s:%s %s:%d fail", tag, label, orEmpty(file), line);
-  escalate(report);
 }
 
 void Log::logSystem(unsigned int group, const char* level, const char* fmt, ...) {
   if (gZuCamLogGroup == 0) return;
-  char buf[kLineSize];
-  const size_t p = formatStamp(buf, level);
-  const char* tag = zuaGroupToTag(group);
-  const char* label = zuaGroupToString(group);
-  LineCursor origin = groupOrigin(buf, p, tag, label);
-  origin.terminate();
   va_list ap;
   va_start(ap, fmt);
-  const size_t n = finishLine(buf, origin.pos, fmt, ap);
+  emitLine(group, level, nullptr, fmt, ap);
   va_end(ap);
-
-  appendOffline(buf, n + 1);
-  if (!isErrorLevel(level) || !escalationWanted()) return;
-  // The report is the line without its time stamp: at most 512 bytes, which need not
-  // leave room for a terminating zero.
-  char report[kReportSize];
-  memset(report, 0, sizeof(report));
-  const size_t rest = n + 2 - p;  // text, "\n" and the zero behind it
-  memcpy(report, buf + p, rest < kReportSize ? rest : kReportSize);
-  escalate(report);
 }
 
 namespace pool {
@@ -383,6 +382,14 @@ ZuDebugInterface* ZuDebugInterface::getInstance(ZuOfflineLoggerType type) {
   return sInstances[type == ZuOfflineLoggerType::Debug ? 0 : 1];
 }
 
+namespace {
+// How the crash catcher has a facade force its logger to disk.
+bool forcedFlushForCrash(ZuOfflineLoggerType type, ZuDegbugOfflineLogger::Deadline deadline) {
+  return ZuDebugInterface::getInstance(type)->flushLogToFileInterfaceUntil(true, deadline);
+}
+
+}  // namespace
+
 ZuDebugInterface::ZuDebugInterface(ZuOfflineLoggerType type)
     : mType(type), mLogger(ZuDegbugOfflineLogger::getInstance(type)) {
   Log::updateLogInfo();
@@ -392,6 +399,7 @@ ZuDebugInterface::ZuDebugInterface(ZuOfflineLoggerType type)
   mExtended = zuDebugMask() >= 3;
   mFlushThread = std::thread(&ZuDebugInterface::requestOfflineLogThreadProcessing, this);
   mLogger->setFlushTriggerLink(signalOfflineLoggerThreadWrapper);
+  mLogger->setCrashFlushLink(forcedFlushForCrash);
 }
 
 ZuDebugInterface::~ZuDebugInterface() { shutdownFlushThread(); }
@@ -472,22 +480,9 @@ void ZuDebugInterface::flushLogToFileInterface(bool force) {
   mLogger->activeOfflineLogger();
 }
 
-namespace {
-std::chrono::steady_clock::time_point deadlineIn(int timeoutMs) {
-  return std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs > 0 ? timeoutMs : 0);
-}
-}  // namespace
-
-bool ZuDebugInterface::addLogInterfaceTimed(const char* line, unsigned int length, int timeoutMs) {
+bool ZuDebugInterface::flushLogToFileInterfaceUntil(bool force, ZuDegbugOfflineLogger::Deadline deadline) {
   if (!mEnabled) return true;
   if (mControlMutex.heldByCurrentThread() || mLogger->isHeldByCurrentThread()) return false;
-  return mLogger->addLogUntil(line, length, deadlineIn(timeoutMs));
-}
-
-bool ZuDebugInterface::flushLogToFileInterfaceTimed(bool force, int timeoutMs) {
-  if (!mEnabled) return true;
-  if (mControlMutex.heldByCurrentThread() || mLogger->isHeldByCurrentThread()) return false;
-  const auto deadline = deadlineIn(timeoutMs);
   if (!mControlMutex.try_lock_until(deadline)) return false;
   const bool done = mLogger->flushLogToFileUntil(force, deadline);
   if (done) mLogger->activeOfflineLogger();

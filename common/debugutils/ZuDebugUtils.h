@@ -94,14 +94,12 @@ class ZUDEBUG_EXPORT ZuDebugInterface {
   void requestOfflineLogThreadProcessing();
   void dumpErrorInfoToFile(const char* text);
 
-  // Like addLogInterface / flushLogToFileInterface, for callers that must not block
-  // (a crash handler): no lock (control mutex, the logger's pool lock and mutexes) is
-  // waited for longer than `timeoutMs`. They return false at once, touching nothing,
-  // when the calling thread already holds one of those locks, and false when a lock
-  // could not be had in time; true when the call went through (including when the
-  // instance is not enabled and there was nothing to do).
-  bool addLogInterfaceTimed(const char* line, unsigned int length, int timeoutMs);
-  bool flushLogToFileInterfaceTimed(bool force, int timeoutMs);
+  // Like flushLogToFileInterface, for callers that must not block (a crash handler):
+  // no lock (control mutex, the logger's locks) is waited for past `deadline`. False at
+  // once, touching nothing, when the calling thread already holds one of those locks,
+  // and false when a lock could not be had in time; true when the flush went through
+  // (including when the instance is not enabled and there was nothing to do).
+  bool flushLogToFileInterfaceUntil(bool force, ZuDegbugOfflineLogger::Deadline deadline);
 
   // Appends one record to the error-information file without needing an instance
   // (used while the library is loading, before any instance may be created).
@@ -125,7 +123,6 @@ class ZUDEBUG_EXPORT ZuDebugInterface {
   std::mutex mWaitMutex;
   std::condition_variable mFlushSignal;
   ZuOwnedRecursiveMutex mControlMutex;
-  std::mutex mErrorFileMutex;
   ZuOfflineLoggerType mType;
   bool mSignalPending = false;               // a wake-up that came while the thread was flushing
   ZuDegbugOfflineLogger* mLogger = nullptr;  // the logger of mType
