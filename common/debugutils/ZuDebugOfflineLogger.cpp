@@ -19,7 +19,8 @@
 #include <thread>
 #include <zudebug_platform/fs.h>
 
-#include "ZuDebugUtils.h"
+#include "ZuDebugDiag.h"
+#include "ZuLogLine.h"
 #include "ZuOfflinePool.h"
 
 namespace zudebug {
@@ -36,22 +37,13 @@ constexpr float kMinFreeMiB = 3000.0f;             // below this the logger does
 constexpr const char* kLogDir = "/data/vendor/camera/offlinelog";
 constexpr const char* kNoSpaceText = "OfflineLogger detect file system has no space left";
 
-// Thread ids are cached per thread; a forked child must not see its parent's. Nor may
-// it write into its parent's mapped blocks.
-std::atomic<uint32_t> sForkEpoch{1};
+// A forked child must not write into its parent's mapped blocks.
 std::atomic<ZuDegbugOfflineLogger*> sLoggers[2];
 void onForkChild() {
-  sForkEpoch.fetch_add(1, std::memory_order_relaxed);
   for (auto& logger : sLoggers)
     if (ZuDegbugOfflineLogger* l = logger.load(std::memory_order_acquire)) l->detachPoolAfterFork();
 }
 const int sAtForkRegistered = pthread_atfork(nullptr, nullptr, onForkChild);
-
-struct TidCache {
-  uint32_t tid;
-  uint32_t epoch;
-};
-thread_local TidCache sTidCache = {0, 0};
 
 // What a thread keeps per logger type. Trivially constructed and destroyed, so that
 // the append path (and a signal handler) can reach it without any set-up call.
@@ -78,8 +70,8 @@ thread_local ThreadLifetimes sThreadLifetimes;
 
 // Diagnostics written from helpers carry the name of the operation they belong to.
 #define ZU_OFFLINE_LOG_AS(prio, func, fmt, ...)                                                            \
-  __android_log_print((prio), "ZuCamDebug", "%s %s():%d " fmt "\n", ::zudebug::Log::getFileName(__FILE__), \
-                      func, __LINE__, ##__VA_ARGS__)
+  __android_log_print((prio), "ZuCamDebug", "%s %s():%d " fmt "\n", ::zudebug::zuBaseName(__FILE__), func, \
+                      __LINE__, ##__VA_ARGS__)
 
 inline int slotOf(ZuOfflineLoggerType type) { return type == ZuOfflineLoggerType::Debug ? 0 : 1; }
 
@@ -155,18 +147,6 @@ int64_t nameTime(const std::string& dir, const std::string& name, const std::str
 }
 
 }  // namespace
-
-uint32_t zuCurrentTid() {
-  const uint32_t epoch = sForkEpoch.load(std::memory_order_relaxed);
-  TidCache& c = sTidCache;
-  if (c.epoch != epoch) {
-    c.tid = static_cast<uint32_t>(syscall(SYS_gettid));
-    c.epoch = epoch;
-    // First use on this thread (or after a fork): room for the crash catcher.
-    PrepareCrashSignalStack();
-  }
-  return c.tid;
-}
 
 // ---- pool lock ----
 
@@ -516,9 +496,9 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
       const uint32_t dropped = mDroppedLines.exchange(0, std::memory_order_relaxed);
       if (dropped > 0) {
         char notice[256];
-        const size_t n = pool::formatDiagnosticLine(
-            notice, sizeof(notice), "E", Log::getFileName(__FILE__), "addLog", __LINE__,
-            "OfflineLogger dropped %u lines: no queue memory could be had", dropped);
+        const size_t n =
+            formatDiagnosticLine(notice, sizeof(notice), "E", zuBaseName(__FILE__), "addLog", __LINE__,
+                                 "OfflineLogger dropped %u lines: no queue memory could be had", dropped);
         copyLine(local, notice, static_cast<unsigned int>(n));
       }
     }
@@ -876,10 +856,9 @@ class LoggerRecoveryWriter : public pool::RecoveryWriter {
   }
   void writeNotice(uint64_t bytes, uint32_t pid, const char* poolFile) override {
     char line[1024];
-    const size_t n =
-        pool::formatDiagnosticLine(line, sizeof(line), "I", Log::getFileName(__FILE__), "start", __LINE__,
-                                   "OfflineLogger recovered %llu bytes of process %u from %s",
-                                   static_cast<unsigned long long>(bytes), pid, poolFile);
+    const size_t n = formatDiagnosticLine(line, sizeof(line), "I", zuBaseName(__FILE__), "start", __LINE__,
+                                          "OfflineLogger recovered %llu bytes of process %u from %s",
+                                          static_cast<unsigned long long>(bytes), pid, poolFile);
     mLogger.writeBytesLocked(reinterpret_cast<const uint8_t*>(line), static_cast<uint32_t>(n), nullptr,
                              nullptr);
   }
@@ -1124,83 +1103,7 @@ std::atomic<int> sCatchersStarted{0};
 // How long a finished catcher watches for others to start before it goes on.
 constexpr int kQuietSpellMs = 20;
 
-// Room for the catcher on every thread that uses the library, also when the thread's
-// own stack has overflowed. Sanitizer builds need more of it.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t kAltStackBytes = 512 * 1024;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr size_t kAltStackBytes = 512 * 1024;
-#else
-constexpr size_t kAltStackBytes = 128 * 1024;
-#endif
-#else
-constexpr size_t kAltStackBytes = 128 * 1024;
-#endif
-
-struct AltStackLayout {
-  size_t page;
-  size_t usable;
-};
-
-AltStackLayout altStackLayout() {
-  static const AltStackLayout layout = [] {
-    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    size_t usable = kAltStackBytes;
-#ifdef _SC_SIGSTKSZ
-    const long platformMin = sysconf(_SC_SIGSTKSZ);
-    if (platformMin > 0 && static_cast<size_t>(platformMin) > usable)
-      usable = static_cast<size_t>(platformMin);
-#endif
-    usable = (usable + page - 1) / page * page;
-    return AltStackLayout{page, usable};
-  }();
-  return layout;
-}
-
-// At thread exit: the stack is turned off before it is unmapped.
-void releaseAltStack(void* base) {
-  const AltStackLayout layout = altStackLayout();
-  char* usable = static_cast<char*>(base) + layout.page;
-  stack_t current;
-  if (sigaltstack(nullptr, &current) == 0 && current.ss_sp == usable) {
-    stack_t off;
-    memset(&off, 0, sizeof(off));
-    off.ss_flags = SS_DISABLE;
-    sigaltstack(&off, nullptr);
-  }
-  munmap(base, layout.page + layout.usable);
-}
-
-pthread_key_t makeAltStackKey() {
-  pthread_key_t key;
-  return pthread_key_create(&key, releaseAltStack) == 0 ? key : static_cast<pthread_key_t>(-1);
-}
-
 }  // namespace
-
-void PrepareCrashSignalStack() {
-  if (sCatcherDepth != 0) return;
-  static const pthread_key_t key = makeAltStackKey();
-  stack_t current;
-  if (key == static_cast<pthread_key_t>(-1) || sigaltstack(nullptr, &current) != 0) return;
-  // A thread that has one keeps it (also ours, inherited by a forked child).
-  if ((current.ss_flags & SS_DISABLE) == 0) return;
-  const AltStackLayout layout = altStackLayout();
-  void* base = mmap(nullptr, layout.page + layout.usable, PROT_READ | PROT_WRITE,
-                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (base == MAP_FAILED) return;
-  // A guard page below it: a catcher that runs out of room dies at once.
-  mprotect(base, layout.page, PROT_NONE);
-  stack_t ss;
-  memset(&ss, 0, sizeof(ss));
-  ss.ss_sp = static_cast<char*>(base) + layout.page;
-  ss.ss_size = layout.usable;
-  if (sigaltstack(&ss, nullptr) != 0 || pthread_setspecific(key, base) != 0) {
-    releaseAltStack(base);
-    return;
-  }
-}
 
 namespace {
 

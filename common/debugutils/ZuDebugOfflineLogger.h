@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "ZuDebugExport.h"
+#include "ZuThreadIds.h"
 
 namespace zudebug {
 
@@ -30,10 +31,6 @@ enum class ZuOfflineLoggerType : int {
   Debug = 0,   // the library's text log, files ".txt"
   Binary = 1,  // offered to hosts, files ".bin"
 };
-
-// Kernel id of the calling thread, cached per thread (refreshed after fork).
-// Safe to call from a signal handler.
-ZUDEBUG_EXPORT uint32_t zuCurrentTid();
 
 // A mutex that remembers which thread holds it, so that code running in a signal
 // handler can tell whether the interrupted thread is inside a critical section.
@@ -272,10 +269,6 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
 
 // ---- crash signal catcher ----
 ZUDEBUG_EXPORT void RegisterSignalHandlers();
-// Gives the calling thread an alternate signal stack unless it has one, so that the
-// catcher runs even on a thread whose own stack overflowed; released at thread exit.
-// Every thread that logs gets one with its first line.
-ZUDEBUG_EXPORT void PrepareCrashSignalStack();
 ZUDEBUG_EXPORT void SignalCatcher(int signal, siginfo_t* info, void* context);
 ZUDEBUG_EXPORT void InvokeDefaultHndlr(const struct sigaction& action, int signal, siginfo_t* info,
                                        void* context);

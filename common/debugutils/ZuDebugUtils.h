@@ -10,6 +10,7 @@
 #include <mutex>
 #include <thread>
 
+#include "ZuDebugDiag.h"
 #include "ZuDebugExport.h"
 #include "ZuDebugOfflineLogger.h"
 
@@ -176,10 +177,4 @@ ZUDEBUG_EXPORT void signalOfflineLoggerThreadWrapper();
 #define ZU_GLOGD(group, fmt, ...) ZU_LOGD(::zudebug::Log::zuaGroupToTag(group), group, fmt, ##__VA_ARGS__)
 #define ZU_GLOGV(group, fmt, ...) ZU_LOGV(::zudebug::Log::zuaGroupToTag(group), group, fmt, ##__VA_ARGS__)
 
-// Diagnostics of the logging subsystems themselves: tag "ZuCamDebug", no group test,
-// text "<file> <function>():<line> " followed by the message and a newline.
-#define ZU_DBG_LOG(prio, fmt, ...)                                                                         \
-  __android_log_print((prio), "ZuCamDebug", "%s %s():%d " fmt "\n", ::zudebug::Log::getFileName(__FILE__), \
-                      __func__, __LINE__, ##__VA_ARGS__)
-#define ZU_DBG_LOGE(fmt, ...) ZU_DBG_LOG(ANDROID_LOG_ERROR, fmt, ##__VA_ARGS__)
-#define ZU_DBG_LOGI(fmt, ...) ZU_DBG_LOG(ANDROID_LOG_INFO, fmt, ##__VA_ARGS__)
+// ZU_DBG_LOG, ZU_DBG_LOGE and ZU_DBG_LOGI come from ZuDebugDiag.h.

@@ -15,7 +15,7 @@
 #include <memory>
 #include <zudebug_platform/fs.h>
 
-#include "ZuDebugUtils.h"
+#include "ZuDebugDiag.h"
 
 namespace zudebug {
 namespace pool {

@@ -221,10 +221,5 @@ class RecoveryWriter {
 int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32_t loggerType,
                      const char* logDir, RecoveryWriter& writer);
 
-// Formats one line in the offline layout, as the library's own diagnostics appear
-// there (defined with the line emitter). Returns its length, "\n" included.
-size_t formatDiagnosticLine(char* buf, size_t size, const char* level, const char* file, const char* func,
-                            int line, const char* fmt, ...) __attribute__((format(printf, 7, 8)));
-
 }  // namespace pool
 }  // namespace zudebug

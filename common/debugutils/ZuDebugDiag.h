@@ -1,0 +1,21 @@
+// Diagnostics of the library's own modules: Android log lines with the tag
+// "ZuCamDebug", no group test, text "<file> <function>():<line> " followed by the
+// message and a newline.
+#pragma once
+
+#include <log/log.h>
+
+#include "ZuDebugExport.h"
+
+namespace zudebug {
+
+// The part of `path` behind its last "/".
+ZUDEBUG_EXPORT const char* zuBaseName(const char* path);
+
+}  // namespace zudebug
+
+#define ZU_DBG_LOG(prio, fmt, ...)                                                                   \
+  __android_log_print((prio), "ZuCamDebug", "%s %s():%d " fmt "\n", ::zudebug::zuBaseName(__FILE__), \
+                      __func__, __LINE__, ##__VA_ARGS__)
+#define ZU_DBG_LOGE(fmt, ...) ZU_DBG_LOG(ANDROID_LOG_ERROR, fmt, ##__VA_ARGS__)
+#define ZU_DBG_LOGI(fmt, ...) ZU_DBG_LOG(ANDROID_LOG_INFO, fmt, ##__VA_ARGS__)
