@@ -862,19 +862,6 @@ void SnapDiagnostician::snapshotHandle() {
 
 // ---- module diagnostician ----
 
-}  // namespace zudebug
-
-#include <errno.h>
-#include <stdio.h>
-#include <unistd.h>
-
-#include <chrono>
-
-#include "ZuDebugUtils.h"
-#include "zudebug_platform/fs.h"
-
-namespace zudebug {
-
 namespace {
 
 constexpr const char* kMemInfoPath = "/data/vendor/camera/praxmeminfo.txt";

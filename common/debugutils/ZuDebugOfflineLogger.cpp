@@ -7,14 +7,20 @@
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
+#include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
+#include <utils/CallStack.h>
+#include <utils/String8.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <thread>
 #include <zudebug_platform/fs.h>
@@ -1042,6 +1048,10 @@ ZuDegbugOfflineLogger::CrashKeep ZuDegbugOfflineLogger::keepCrashRecord(const ch
   return kept;
 }
 
+void ZuDegbugOfflineLogger::writeCrashRecordStraight(const char* text, uint32_t len) {
+  writeCrashFile(mTypeName.c_str(), reinterpret_cast<const uint8_t*>(text), len);
+}
+
 void ZuDegbugOfflineLogger::writeCrashRecordsStraight() {
   if (!mAccepting.load(std::memory_order_acquire) || !mPoolFile) return;
   const pool::CrashArea& area = mPoolFile->crashArea();
@@ -1056,16 +1066,6 @@ void ZuDegbugOfflineLogger::writeCrashRecordsStraight() {
 }
 
 // ---- crash signal catcher ----
-
-}  // namespace zudebug
-
-#include <sys/mman.h>
-#include <utils/CallStack.h>
-#include <utils/String8.h>
-
-#include <algorithm>
-
-namespace zudebug {
 
 namespace {
 
@@ -1269,7 +1269,7 @@ void keepAndFlush(const CrashRecord* record, Clock::time_point deadline) {
   if (kept == Keep::InMemory) {
     logger->writeCrashRecordsStraight();
   } else if (kept == Keep::NoRoom) {
-    writeCrashFile("Debug", reinterpret_cast<const uint8_t*>(record->text), record->len);
+    logger->writeCrashRecordStraight(record->text, record->len);
   }
 }
 

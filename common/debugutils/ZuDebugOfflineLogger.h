@@ -182,6 +182,9 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   // A record kept in the pool file that no flush wrote is written by the next start.
   enum class CrashKeep { Off, InPoolFile, InMemory, NoRoom };
   CrashKeep keepCrashRecord(const char* text, uint32_t len, Deadline deadline);
+  // Writes one record that could not be kept into a new file of its own, with
+  // async-signal-safe calls only.
+  void writeCrashRecordStraight(const char* text, uint32_t len);
   // Writes the kept records that no flush took into a file of their own, with
   // async-signal-safe calls only: for records kept in process memory when the forced
   // flush could not run.
