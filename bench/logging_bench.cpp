@@ -21,6 +21,7 @@
 
 #include "BenchRoot.h"
 #include "ZuDebugUtils.h"
+#include "ZuOfflineLoggerState.h"
 
 #ifdef ZUDEBUG_HAVE_SPDLOG
 #include <spdlog/async.h>

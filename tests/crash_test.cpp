@@ -19,6 +19,7 @@
 
 #include "TestSupport.h"
 #include "ZuDebugOfflineLogger.h"
+#include "ZuOfflineLoggerState.h"
 #include "ZuDebugUtils.h"
 
 using namespace zutest;

@@ -16,6 +16,7 @@
 
 #include "TestSupport.h"
 #include "ZuDebugUtils.h"
+#include "ZuOfflineLoggerState.h"
 
 using namespace zudebug;
 using namespace zutest;

@@ -27,6 +27,7 @@
 
 #include "ZuDebugDiag.h"
 #include "ZuLogLine.h"
+#include "ZuOfflineLoggerState.h"
 #include "ZuOfflinePool.h"
 
 namespace zudebug {
@@ -206,9 +207,9 @@ LifetimeThreadInfo::~LifetimeThreadInfo() {
   ZuDegbugOfflineLogger* logger = ZuDegbugOfflineLogger::getInstance(loggerType);
   // Hand over only a queue that is still this thread's: a stop or reset since it was
   // taken has already reclaimed it. Resets bump the epoch under the same mutex.
-  std::lock_guard<ZuOwnedRecursiveMutex> pool(logger->mPoolMutex);
-  if (epoch == logger->mRecordEpoch.load(std::memory_order_relaxed) &&
-      session == logger->mSessionCount.load(std::memory_order_relaxed))
+  std::lock_guard<ZuOwnedRecursiveMutex> pool(logger->mState->mPoolMutex);
+  if (epoch == logger->mState->mRecordEpoch.load(std::memory_order_relaxed) &&
+      session == logger->mState->mSessionCount.load(std::memory_order_relaxed))
     logger->requestFlushLogQueueUntil(registerId, Clock::time_point::max());
   threadId = 0;
 }
@@ -227,13 +228,18 @@ ZuDegbugOfflineLogger* ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType ty
   return loggers[slotOf(type)];
 }
 
-ZuDegbugOfflineLogger::ZuDegbugOfflineLogger(ZuOfflineLoggerType type)
-    : mZuOfflineLoggerType(type), mTypeName(type == ZuOfflineLoggerType::Debug ? "Debug" : "Binary") {}
+ZuDegbugOfflineLogger::ZuDegbugOfflineLogger(ZuOfflineLoggerType type) : mState(new State(type)) {}
 
 ZuDegbugOfflineLogger::~ZuDegbugOfflineLogger() = default;
 
+uint32_t ZuDegbugOfflineLogger::getStatus() const { return mState->mStatus.load(std::memory_order_relaxed); }
+
+uint32_t ZuDegbugOfflineLogger::getSessionCount() const {
+  return mState->mSessionCount.load(std::memory_order_relaxed);
+}
+
 void ZuDegbugOfflineLogger::detachPoolAfterFork() {
-  if (mPoolFile) mPoolFile->detachAfterFork();
+  if (mState->mPoolFile) mState->mPoolFile->detachAfterFork();
 }
 
 // ---- queues ----
@@ -248,53 +254,54 @@ std::string ZuDegbugOfflineLogger::poolDirectory() const {
 
 // Under the pool mutex: the file the blocks of this session live in.
 void ZuDegbugOfflineLogger::openPoolFile() {
-  if (!mPoolFile) mPoolFile = std::make_unique<pool::PoolFile>();
-  if (mPoolFile->isOpen()) return;
+  if (!mState->mPoolFile) mState->mPoolFile = std::make_unique<pool::PoolFile>();
+  if (mState->mPoolFile->isOpen()) return;
   const std::string dir = poolDirectory();
   makeDeviceDirs(dir);
   std::string why;
-  if (!mPoolFile->create(dir, mTypeName, static_cast<uint32_t>(mZuOfflineLoggerType), &why))
+  if (!mState->mPoolFile->create(dir, mState->mTypeName, static_cast<uint32_t>(mState->mZuOfflineLoggerType),
+                                 &why))
     ZU_DBG_LOGE(
         "OfflineLogger queue file in %s unusable (%s): queues kept in process memory only, lost if the "
         "process dies",
         dir.c_str(), why.c_str());
-  mPoolFile->prepareCrashArea();
+  mState->mPoolFile->prepareCrashArea();
 }
 
 // Under the pool mutex, with no append in flight: every block goes back to the system.
 void ZuDegbugOfflineLogger::closePool() {
-  mFreeMemoryIndex.clear();
-  mMemoryLogPool.clear();
-  mBlockDesc.clear();
-  mBlockFileIndex.clear();
-  if (mPoolFile) mPoolFile->close(true);
+  mState->mFreeMemoryIndex.clear();
+  mState->mMemoryLogPool.clear();
+  mState->mBlockDesc.clear();
+  mState->mBlockFileIndex.clear();
+  if (mState->mPoolFile) mState->mPoolFile->close(true);
 }
 
 int ZuDegbugOfflineLogger::allocateLogQueueMemPool() {
-  std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
-  if (!mPoolFile) mPoolFile = std::make_unique<pool::PoolFile>();
-  const bool durable = mPoolFile->isOpen();
+  std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
+  if (!mState->mPoolFile) mState->mPoolFile = std::make_unique<pool::PoolFile>();
+  const bool durable = mState->mPoolFile->isOpen();
   pool::Chunk chunk;
   std::string why;
   int result = 0;
-  if (!mPoolFile->grow(&chunk, &why)) {
+  if (!mState->mPoolFile->grow(&chunk, &why)) {
     ZU_DBG_LOGE("OfflineLogger allocate memory failed");
     result = -1;
   } else {
     if (durable && chunk.fileChunk < 0)
       ZU_DBG_LOGE("OfflineLogger queue file %s cannot grow (%s): new queues kept in process memory only",
-                  mPoolFile->path().c_str(), why.c_str());
+                  mState->mPoolFile->path().c_str(), why.c_str());
     for (uint32_t i = 0; i < pool::kBlocksPerChunk; ++i) {
-      mMemoryLogPool.push_back(chunk.block(i));
-      mBlockDesc.push_back(chunk.desc(i));
-      mBlockFileIndex.push_back(chunk.fileChunk < 0
-                                    ? -1
-                                    : chunk.fileChunk * static_cast<int>(pool::kBlocksPerChunk) +
-                                          static_cast<int>(i));
-      mFreeMemoryIndex.push_back(static_cast<int>(mMemoryLogPool.size() - 1));
+      mState->mMemoryLogPool.push_back(chunk.block(i));
+      mState->mBlockDesc.push_back(chunk.desc(i));
+      mState->mBlockFileIndex.push_back(chunk.fileChunk < 0
+                                            ? -1
+                                            : chunk.fileChunk * static_cast<int>(pool::kBlocksPerChunk) +
+                                                  static_cast<int>(i));
+      mState->mFreeMemoryIndex.push_back(static_cast<int>(mState->mMemoryLogPool.size() - 1));
     }
   }
-  ZU_DBG_LOGI("mMemoryLogPool: %zu", mMemoryLogPool.size());
+  ZU_DBG_LOGI("mMemoryLogPool: %zu", mState->mMemoryLogPool.size());
   return result;
 }
 
@@ -304,21 +311,21 @@ int ZuDegbugOfflineLogger::requestNewLogQueue(uint8_t*& queue, uint32_t threadId
 
 int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t threadId, Deadline deadline,
                                                    bool* blocked) {
-  HeldLock<ZuOwnedRecursiveMutex> queueLock(mQueueMutex, deadline);
+  HeldLock<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex, deadline);
   if (!queueLock.held()) {
     if (blocked) *blocked = true;
     return -1;
   }
-  HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+  HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
   if (!poolLock.held()) {
     if (blocked) *blocked = true;
     return -1;
   }
-  const int slot = slotOf(mZuOfflineLoggerType);
+  const int slot = slotOf(mState->mZuOfflineLoggerType);
   threadLocalInfo& local = sThreadLocalInfo[slot];
   LifetimeThreadInfo& lifetime = sThreadLifetimes.info[slot];
-  if (mFreeMemoryIndex.empty()) allocateLogQueueMemPool();
-  if (mFreeMemoryIndex.empty()) {
+  if (mState->mFreeMemoryIndex.empty()) allocateLogQueueMemPool();
+  if (mState->mFreeMemoryIndex.empty()) {
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "requestNewLogQueue", "Offlinelog failed to request new container");
     queue = nullptr;
     local.record = nullptr;
@@ -328,17 +335,17 @@ int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t thr
     lifetime.registerId = -1;
     return -1;
   }
-  const int block = mFreeMemoryIndex.front();
-  mFreeMemoryIndex.pop_front();
+  const int block = mState->mFreeMemoryIndex.front();
+  mState->mFreeMemoryIndex.pop_front();
   int registerId;
-  if (!mFreeRegisterId.empty()) {
-    registerId = mFreeRegisterId.front();
-    mFreeRegisterId.pop_front();
+  if (!mState->mFreeRegisterId.empty()) {
+    registerId = mState->mFreeRegisterId.front();
+    mState->mFreeRegisterId.pop_front();
   } else {
-    mPerLogInfoPool.push_back(std::make_unique<PerLogThreadInfo>());
-    registerId = static_cast<int>(mPerLogInfoPool.size() - 1);
+    mState->mPerLogInfoPool.push_back(std::make_unique<PerLogThreadInfo>());
+    registerId = static_cast<int>(mState->mPerLogInfoPool.size() - 1);
   }
-  PerLogThreadInfo& record = *mPerLogInfoPool[registerId];
+  PerLogThreadInfo& record = *mState->mPerLogInfoPool[registerId];
   record.bNeedFlush = false;
   record.bReserved = false;
   record.memoryIndex = block;
@@ -346,22 +353,22 @@ int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t thr
   record.sessionCount = local.session;
   record.usedSize = 0;
   record.writtenTotal = 0;
-  record.address = mMemoryLogPool[block];
-  record.desc = mBlockDesc[block];
+  record.address = mState->mMemoryLogPool[block];
+  record.desc = mState->mBlockDesc[block];
   // The block's durable counters: empty first, then owned, so that a process killed
   // in between leaves nothing to recover.
   pool::BlockDesc& desc = *record.desc;
   pool::storeRelease(&desc.used, 0);
   pool::storeRelease(&desc.flushed, 0);
   desc.tid = threadId;
-  __atomic_store_n(&desc.seq, ++mTakeSequence, __ATOMIC_RELAXED);
+  __atomic_store_n(&desc.seq, ++mState->mTakeSequence, __ATOMIC_RELAXED);
   pool::storeRelease(&desc.state, pool::kBlockOwned);
 
   queue = record.address;
   local.record = &record;
   local.desc = record.desc;
   local.sThreadLocalQueuePoolId = registerId;
-  local.epoch = mRecordEpoch.load(std::memory_order_relaxed);
+  local.epoch = mState->mRecordEpoch.load(std::memory_order_relaxed);
   lifetime.threadId = threadId;
   lifetime.registerId = registerId;
   lifetime.session = local.session;
@@ -375,26 +382,27 @@ void ZuDegbugOfflineLogger::requestFlushLogQueue(int registerId) {
 
 bool ZuDegbugOfflineLogger::requestFlushLogQueueUntil(int registerId, Deadline deadline) {
   {
-    HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+    HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
     if (!poolLock.held()) return false;
-    if (registerId < 0 || registerId >= static_cast<int>(mPerLogInfoPool.size())) {
+    if (registerId < 0 || registerId >= static_cast<int>(mState->mPerLogInfoPool.size())) {
       ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "requestFlushLogQueue",
                         "ZuDegbugOfflineLogger registerId %d mPerLogInfoPool %d", registerId,
-                        static_cast<int>(mPerLogInfoPool.size()));
+                        static_cast<int>(mState->mPerLogInfoPool.size()));
       return true;
     }
-    PerLogThreadInfo& record = *mPerLogInfoPool[registerId];
+    PerLogThreadInfo& record = *mState->mPerLogInfoPool[registerId];
     record.bNeedFlush = true;
     if (record.desc != nullptr) pool::storeRelease(&record.desc->state, pool::kBlockWaiting);
-    mNeedFlushThreadCount.fetch_add(1, std::memory_order_relaxed);
-    mFlushRegisterId.push_back(registerId);
+    mState->mNeedFlushThreadCount.fetch_add(1, std::memory_order_relaxed);
+    mState->mFlushRegisterId.push_back(registerId);
   }
   // A bounded caller may be a signal handler: it leaves the wake-up to its own flush.
-  void (*trigger)() = mFlushTrigger.load(std::memory_order_acquire);
+  void (*trigger)() = mState->mFlushTrigger.load(std::memory_order_acquire);
   if (trigger != nullptr && deadline == Clock::time_point::max()) {
-    ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "requestFlushLogQueue",
-                      "OfflineLogger requestFlushLogQueue Signaled!!Signal = %p, mNeedFlushThreadCount:%d",
-                      reinterpret_cast<void*>(trigger), static_cast<int>(mNeedFlushThreadCount.load()));
+    ZU_OFFLINE_LOG_AS(
+        ANDROID_LOG_INFO, "requestFlushLogQueue",
+        "OfflineLogger requestFlushLogQueue Signaled!!Signal = %p, mNeedFlushThreadCount:%d",
+        reinterpret_cast<void*>(trigger), static_cast<int>(mState->mNeedFlushThreadCount.load()));
     trigger();
   }
   return true;
@@ -422,8 +430,8 @@ inline void copyLine(threadLocalInfo& local, const char* line, unsigned int leng
 
 ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char* line, unsigned int length,
                                                                       Deadline deadline) {
-  if (!mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
-  threadLocalInfo& local = sThreadLocalInfo[slotOf(mZuOfflineLoggerType)];
+  if (!mState->mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
+  threadLocalInfo& local = sThreadLocalInfo[slotOf(mState->mZuOfflineLoggerType)];
   // Re-entered from a signal handler in the middle of this thread's own append.
   if (local.inAppend) return AppendResult::Blocked;
   if (line == nullptr || length == 0) return AppendResult::Done;
@@ -432,7 +440,7 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
                       "OfflineLogger line of %u bytes does not fit a queue, dropped", length);
     return AppendResult::Done;
   }
-  if (!mPoolLock.lockShared(deadline)) return AppendResult::Blocked;
+  if (!mState->mPoolLock.lockShared(deadline)) return AppendResult::Blocked;
   struct Leave {
     ZuPoolLock& lock;
     threadLocalInfo& local;
@@ -440,12 +448,12 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
       local.inAppend = false;
       lock.unlockShared();
     }
-  } leave{mPoolLock, local};
+  } leave{mState->mPoolLock, local};
   local.inAppend = true;
   // Stop drains appends through the pool lock: past this test a line is always kept.
-  if (!mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
+  if (!mState->mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
 
-  const uint32_t session = mSessionCount.load(std::memory_order_relaxed);
+  const uint32_t session = mState->mSessionCount.load(std::memory_order_relaxed);
   bool needNewQueue = false;
   bool handOver = false;
   if (local.session != session) {
@@ -456,21 +464,21 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
     local.offset = 0;
     local.bytesSinceReset = 0;
     needNewQueue = true;
-  } else if (local.record != nullptr && local.epoch != mRecordEpoch.load(std::memory_order_relaxed)) {
+  } else if (local.record != nullptr && local.epoch != mState->mRecordEpoch.load(std::memory_order_relaxed)) {
     // Every record was reset since this thread took its queue: what is left of it?
-    HeldLock<ZuOwnedRecursiveMutex> queueLock(mQueueMutex, deadline);
+    HeldLock<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex, deadline);
     if (!queueLock.held()) return AppendResult::Blocked;
     const int id = local.sThreadLocalQueuePoolId;
-    if (id < 0 || id >= static_cast<int>(mPerLogInfoPool.size())) {
+    if (id < 0 || id >= static_cast<int>(mState->mPerLogInfoPool.size())) {
       ZU_OFFLINE_LOG_AS(
           ANDROID_LOG_ERROR, "addLog",
           "sThreadLocalInfo[static_cast<int>(mZuOfflineLoggerType)].sThreadLocalQueuePoolId : %d "
           "mPerLogInfoPool size: %d",
-          id, static_cast<int>(mPerLogInfoPool.size()));
+          id, static_cast<int>(mState->mPerLogInfoPool.size()));
       local.record = nullptr;
       local.queueAddress = nullptr;
     } else {
-      PerLogThreadInfo& record = *mPerLogInfoPool[id];
+      PerLogThreadInfo& record = *mState->mPerLogInfoPool[id];
       ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "OFFLINELOG:%p != %p %d %d",
                         static_cast<void*>(record.address), static_cast<void*>(local.queueAddress), id,
                         record.memoryIndex);
@@ -487,9 +495,9 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
   }
   if (needNewQueue) {
     // Hand the full queue over and take a fresh one, both or neither.
-    HeldLock<ZuOwnedRecursiveMutex> queueLock(mQueueMutex, deadline);
+    HeldLock<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex, deadline);
     if (!queueLock.held()) return AppendResult::Blocked;
-    HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+    HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
     if (!poolLock.held()) return AppendResult::Blocked;
     if (handOver) requestFlushLogQueueUntil(local.sThreadLocalQueuePoolId, deadline);
     uint8_t* queue = nullptr;
@@ -499,7 +507,7 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
     local.offset = 0;
     if (queue != nullptr) {
       // Lines lost while no block could be had are told in the first block there is.
-      const uint32_t dropped = mDroppedLines.exchange(0, std::memory_order_relaxed);
+      const uint32_t dropped = mState->mDroppedLines.exchange(0, std::memory_order_relaxed);
       if (dropped > 0) {
         char notice[256];
         const size_t n =
@@ -512,7 +520,7 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
   if (local.queueAddress == nullptr) {
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "memoryAddressToWrite is %p inputlog address is %p!",
                       static_cast<void*>(local.queueAddress), static_cast<const void*>(line));
-    mDroppedLines.fetch_add(1, std::memory_order_relaxed);
+    mState->mDroppedLines.fetch_add(1, std::memory_order_relaxed);
     return AppendResult::Done;
   }
   copyLine(local, line, length);
@@ -537,42 +545,43 @@ bool ZuDegbugOfflineLogger::flushLogToFileUntil(bool force, Deadline deadline, i
 
 bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result) {
   ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "flushLogToFile",
-                    "flushLogToFile lastFlush: %d, status: %d, mNeedFlushThreadCount: %d", force ? 1 : 0,
-                    static_cast<int>(mStatus.load()), static_cast<int>(mNeedFlushThreadCount.load()));
+                    "flushLogToFile lastFlush: %d, status: %d, mNeedFlushThreadCount: %d",
+                    force ? 1 : 0, static_cast<int>(mState->mStatus.load()),
+                    static_cast<int>(mState->mNeedFlushThreadCount.load()));
   *result = 0;
-  if (mStatus.load() == kStatusStopped) {
+  if (mState->mStatus.load() == kStatusStopped) {
     *result = -1;
     return true;
   }
   // Small amounts wait in memory; no need to take any lock to find that out.
-  if (!force && mNeedFlushThreadCount.load() < kFlushThreshold) return true;
+  if (!force && mState->mNeedFlushThreadCount.load() < kFlushThreshold) return true;
   return force ? forcedFlush(deadline, result) : normalFlush(deadline, result);
 }
 
 // Writes the queues that were handed over. Nobody writes into those any more, so the
 // appenders go on meanwhile; the file mutex keeps resets and forced flushes out.
 bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
-  HeldLock<ZuOwnedPlainMutex> fileLock(mFileMutex, deadline);
+  HeldLock<ZuOwnedPlainMutex> fileLock(mState->mFileMutex, deadline);
   if (!fileLock.held()) return false;
   std::vector<std::pair<int, PerLogThreadInfo*>> batch;
   {
-    HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+    HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
     if (!poolLock.held()) return false;
-    if (mStatus.load() == kStatusStopped) {
+    if (mState->mStatus.load() == kStatusStopped) {
       *result = -1;
       return true;
     }
-    if (mNeedFlushThreadCount.load() < kFlushThreshold) return true;
-    batch.reserve(mFlushRegisterId.size());
-    for (int id : mFlushRegisterId)
-      if (id >= 0 && id < static_cast<int>(mPerLogInfoPool.size()))
-        batch.emplace_back(id, mPerLogInfoPool[id].get());
-    mFlushRegisterId.clear();
+    if (mState->mNeedFlushThreadCount.load() < kFlushThreshold) return true;
+    batch.reserve(mState->mFlushRegisterId.size());
+    for (int id : mState->mFlushRegisterId)
+      if (id >= 0 && id < static_cast<int>(mState->mPerLogInfoPool.size()))
+        batch.emplace_back(id, mState->mPerLogInfoPool[id].get());
+    mState->mFlushRegisterId.clear();
   }
   // Handed over before the list was taken: their owners have moved on.
   for (auto& entry : batch) writeRecordLocked(*entry.second, true, false);
   {
-    std::lock_guard<ZuOwnedRecursiveMutex> poolLock(mPoolMutex);
+    std::lock_guard<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex);
     for (auto& entry : batch) recycleLocked(entry.first, *entry.second);
   }
   rotateLocked();
@@ -584,25 +593,25 @@ bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
 // the flush takes what is complete and leaves the rest for the next one. Threads that
 // need a new block wait for the pool mutex; no line is refused.
 bool ZuDegbugOfflineLogger::forcedFlush(Deadline deadline, int* result) {
-  HeldLock<ZuOwnedPlainMutex> fileLock(mFileMutex, deadline);
+  HeldLock<ZuOwnedPlainMutex> fileLock(mState->mFileMutex, deadline);
   if (!fileLock.held()) return false;
-  HeldLock<ZuOwnedRecursiveMutex> poolLock(mPoolMutex, deadline);
+  HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
   if (!poolLock.held()) return false;
-  if (mStatus.load() == kStatusStopped) {
+  if (mState->mStatus.load() == kStatusStopped) {
     *result = -1;
     return true;
   }
-  mStatus.store(kStatusStopping);
+  mState->mStatus.store(kStatusStopping);
   // Handed-over queues first, in hand-over order, then every queue still owned.
-  while (!mFlushRegisterId.empty()) {
-    const int id = mFlushRegisterId.front();
-    mFlushRegisterId.pop_front();
-    if (id < 0 || id >= static_cast<int>(mPerLogInfoPool.size())) continue;
-    writeRecordLocked(*mPerLogInfoPool[id], true, true);
-    recycleLocked(id, *mPerLogInfoPool[id]);
+  while (!mState->mFlushRegisterId.empty()) {
+    const int id = mState->mFlushRegisterId.front();
+    mState->mFlushRegisterId.pop_front();
+    if (id < 0 || id >= static_cast<int>(mState->mPerLogInfoPool.size())) continue;
+    writeRecordLocked(*mState->mPerLogInfoPool[id], true, true);
+    recycleLocked(id, *mState->mPerLogInfoPool[id]);
   }
-  for (int id = 0; id < static_cast<int>(mPerLogInfoPool.size()); ++id) {
-    PerLogThreadInfo& record = *mPerLogInfoPool[id];
+  for (int id = 0; id < static_cast<int>(mState->mPerLogInfoPool.size()); ++id) {
+    PerLogThreadInfo& record = *mState->mPerLogInfoPool[id];
     if (record.desc != nullptr && !record.bNeedFlush) writeRecordLocked(record, false, true);
   }
   writeCrashRecordsLocked();
@@ -622,19 +631,19 @@ void ZuDegbugOfflineLogger::recycleLocked(int registerId, PerLogThreadInfo& reco
     pool::storeRelease(&record.desc->flushed, 0);
   }
   record.desc = nullptr;
-  mFreeMemoryIndex.push_back(record.memoryIndex);
-  mFreeRegisterId.push_back(registerId);
+  mState->mFreeMemoryIndex.push_back(record.memoryIndex);
+  mState->mFreeRegisterId.push_back(registerId);
 }
 
-// Under the file mutex: keep at most mFileLimit files, deleting the oldest.
+// Under the file mutex: keep at most mState->mFileLimit files, deleting the oldest.
 void ZuDegbugOfflineLogger::rotateLocked() {
-  while (mFileList.size() > mFileLimit) {
-    const std::string& oldest = mFileList.front();
+  while (mState->mFileList.size() > mState->mFileLimit) {
+    const std::string& oldest = mState->mFileList.front();
     ResolvedPath path(oldest.c_str());
     // Another camera process may have rotated it away already.
     if (unlink(path.str) != 0 && errno != ENOENT)
       ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile", "remove OfflineLog failed: %s", oldest.c_str());
-    mFileList.pop_front();
+    mState->mFileList.pop_front();
   }
 }
 
@@ -663,17 +672,17 @@ struct MappedIntent {
 // or a forced flush asks for them. A handed-over record is marked in bReserved for
 // recycling; a live thread's record stays with its owner, which goes on appending.
 void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool waiting, bool force) {
-  if (!mFileOpen) openNewFileLocked();
+  if (!mState->mFileOpen) openNewFileLocked();
   ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "flushLogToFile", "bNeedFlush: %d, lastFlush: %d, fileName: %s",
-                    waiting ? 1 : 0, force ? 1 : 0, mCurrentFileName.c_str());
+                    waiting ? 1 : 0, force ? 1 : 0, mState->mCurrentFileName.c_str());
   pool::BlockDesc* desc = record.desc;
   if (desc == nullptr) return;
   const uint32_t used = pool::loadAcquire(&desc->used);
   const uint32_t from = desc->flushed;
   if (!waiting && !(force && used > from)) return;
   if (used > from) {
-    const int32_t fileBlock = mBlockFileIndex[static_cast<size_t>(record.memoryIndex)];
-    pool::PoolHeader* header = mPoolFile ? mPoolFile->header() : nullptr;
+    const int32_t fileBlock = mState->mBlockFileIndex[static_cast<size_t>(record.memoryIndex)];
+    pool::PoolHeader* header = mState->mPoolFile ? mState->mPoolFile->header() : nullptr;
     MappedIntent intent{header, static_cast<uint32_t>(fileBlock), from, used};
     const bool durable = header != nullptr && fileBlock >= 0;
     writeBytesLocked(record.address + from, used - from, durable ? &MappedIntent::record : nullptr, &intent);
@@ -683,8 +692,8 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool wai
   }
   if (waiting) {
     record.bReserved = true;
-    uint32_t count = mNeedFlushThreadCount.load(std::memory_order_relaxed);
-    while (count > 0 && !mNeedFlushThreadCount.compare_exchange_weak(count, count - 1)) {
+    uint32_t count = mState->mNeedFlushThreadCount.load(std::memory_order_relaxed);
+    while (count > 0 && !mState->mNeedFlushThreadCount.compare_exchange_weak(count, count - 1)) {
     }
   }
 }
@@ -692,11 +701,11 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool wai
 // Under the file mutex: the crash records kept so far, each whole, in the order they
 // were kept. A record still being copied is left to its own catcher's flush.
 void ZuDegbugOfflineLogger::writeCrashRecordsLocked() {
-  if (!mPoolFile) return;
-  const pool::CrashArea& area = mPoolFile->crashArea();
+  if (!mState->mPoolFile) return;
+  const pool::CrashArea& area = mState->mPoolFile->crashArea();
   uint32_t order[pool::kCrashSlots];
   const uint32_t count = area.completeInOrder(order);
-  pool::PoolHeader* header = area.durable() ? mPoolFile->header() : nullptr;
+  pool::PoolHeader* header = area.durable() ? mState->mPoolFile->header() : nullptr;
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t slot = order[i];
     if (!area.take(slot)) continue;
@@ -719,8 +728,8 @@ void ZuDegbugOfflineLogger::writeCrashRecordsLocked() {
 // before the write. A write that fails half way is cut back, so no torn line stays.
 bool ZuDegbugOfflineLogger::writeBytesLocked(const uint8_t* data, uint32_t len,
                                              void (*intent)(void*, const char*, uint64_t), void* ctx) {
-  if (!mFileOpen) openNewFileLocked();
-  ResolvedPath path(mCurrentFileName.c_str());
+  if (!mState->mFileOpen) openNewFileLocked();
+  ResolvedPath path(mState->mCurrentFileName.c_str());
   const int fd = ::open(path.str, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
   bool ok = fd >= 0;
   int err = errno;
@@ -728,7 +737,7 @@ bool ZuDegbugOfflineLogger::writeBytesLocked(const uint8_t* data, uint32_t len,
     fchmod(fd, 0666);
     const off_t before = lseek(fd, 0, SEEK_END);
     if (intent != nullptr)
-      intent(ctx, mCurrentFileName.c_str(), before < 0 ? 0 : static_cast<uint64_t>(before));
+      intent(ctx, mState->mCurrentFileName.c_str(), before < 0 ? 0 : static_cast<uint64_t>(before));
     ok = writeAll(fd, data, len);
     err = errno;
     if (!ok && before >= 0 && ftruncate(fd, before) != 0) {
@@ -736,22 +745,22 @@ bool ZuDegbugOfflineLogger::writeBytesLocked(const uint8_t* data, uint32_t len,
     }
     ::close(fd);
   }
-  if (!ok && !mWriteFailing) {
+  if (!ok && !mState->mWriteFailing) {
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile",
                       "zu-debug TXT Offlinelog failed to open file and write");
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile",
                       "OfflineLogger cannot write %s: %s; queues are lost until a file can be written again",
-                      mCurrentFileName.c_str(), strerror(err));
-  } else if (ok && mWriteFailing) {
+                      mState->mCurrentFileName.c_str(), strerror(err));
+  } else if (ok && mState->mWriteFailing) {
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "flushLogToFile", "OfflineLogger writes %s again",
-                      mCurrentFileName.c_str());
+                      mState->mCurrentFileName.c_str());
   }
-  mWriteFailing = !ok;
-  mCurrentFileSize += len;
-  if (mCurrentFileSize > kFileSizeLimit) {
-    mFileOpen = 0;
-    mCurrentFileName.clear();
-    mCurrentFileSize = 0;
+  mState->mWriteFailing = !ok;
+  mState->mCurrentFileSize += len;
+  if (mState->mCurrentFileSize > kFileSizeLimit) {
+    mState->mFileOpen = 0;
+    mState->mCurrentFileName.clear();
+    mState->mCurrentFileSize = 0;
   }
   return ok;
 }
@@ -761,11 +770,12 @@ bool ZuDegbugOfflineLogger::writeBytesLocked(const uint8_t* data, uint32_t len,
 // there now, oldest first.
 void ZuDegbugOfflineLogger::openNewFileLocked() {
   std::string name = getPrefixFilename();
-  name += mZuOfflineLoggerType == ZuOfflineLoggerType::Binary ? ".bin" : ".txt";
-  mCurrentFileName = name;
-  mFileList = listLogFiles(false);
-  if (std::find(mFileList.begin(), mFileList.end(), name) == mFileList.end()) mFileList.push_back(name);
-  mFileOpen = 1;
+  name += mState->mZuOfflineLoggerType == ZuOfflineLoggerType::Binary ? ".bin" : ".txt";
+  mState->mCurrentFileName = name;
+  mState->mFileList = listLogFiles(false);
+  if (std::find(mState->mFileList.begin(), mState->mFileList.end(), name) == mState->mFileList.end())
+    mState->mFileList.push_back(name);
+  mState->mFileOpen = 1;
   rotateLocked();
 }
 
@@ -775,10 +785,10 @@ std::deque<std::string> ZuDegbugOfflineLogger::listLogFiles(bool logEach) {
   ResolvedPath dir(kLogDir);
   if (DIR* d = opendir(dir.str)) {
     while (dirent* e = readdir(d)) {
-      if (strstr(e->d_name, mTypeName.c_str()) == nullptr) continue;
+      if (strstr(e->d_name, mState->mTypeName.c_str()) == nullptr) continue;
       // Queue files are never log files, even where the pool directory is this one.
       if (strstr(e->d_name, ".pool") != nullptr) continue;
-      found.emplace_back(nameTime(kLogDir, e->d_name, mTypeName), e->d_name);
+      found.emplace_back(nameTime(kLogDir, e->d_name, mState->mTypeName), e->d_name);
     }
     closedir(d);
   }
@@ -817,9 +827,9 @@ std::string timeOfDayStamp(const char* fmt) {
 }  // namespace
 
 std::string ZuDegbugOfflineLogger::getPrefixFilename() {
-  mCurrentFileName = std::string(kLogDir) + "/ZuCam_" + mTypeName + "_" +
-                     timeOfDayStamp("%2d-%02d-%02d--%02d-%02d-%02d-%03ld");
-  return mCurrentFileName;
+  mState->mCurrentFileName = std::string(kLogDir) + "/ZuCam_" + mState->mTypeName + "_" +
+                             timeOfDayStamp("%2d-%02d-%02d--%02d-%02d-%02d-%03ld");
+  return mState->mCurrentFileName;
 }
 
 std::string ZuDegbugOfflineLogger::getCurrentTime() {
@@ -846,10 +856,10 @@ float ZuDegbugOfflineLogger::getAvailableSpace(const char* path) {
 // ---- lifecycle ----
 
 void ZuDegbugOfflineLogger::scanDirectoryOnce() {
-  std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
-  if (mDirectoryScanned) return;
-  mDirectoryScanned = true;
-  mFileList = listLogFiles(true);
+  std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
+  if (mState->mDirectoryScanned) return;
+  mState->mDirectoryScanned = true;
+  mState->mFileList = listLogFiles(true);
 }
 
 // What a dead process left goes into this logger's files, through the same writer.
@@ -874,10 +884,10 @@ class LoggerRecoveryWriter : public pool::RecoveryWriter {
 };
 
 void ZuDegbugOfflineLogger::recoverDeadProcesses() {
-  std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
+  std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
   LoggerRecoveryWriter writer(*this);
-  pool::recoverDeadPools(poolDirectory(), mTypeName, static_cast<uint32_t>(mZuOfflineLoggerType), kLogDir,
-                         writer);
+  pool::recoverDeadPools(poolDirectory(), mState->mTypeName,
+                         static_cast<uint32_t>(mState->mZuOfflineLoggerType), kLogDir, writer);
   rotateLocked();
 }
 
@@ -886,14 +896,14 @@ int ZuDegbugOfflineLogger::start() {
   scanDirectoryOnce();
   float mib = 0;
   if (!queryAvailableSpace(kLogDir, &mib)) {
-    mStatus.store(kStatusStopped);
+    mState->mStatus.store(kStatusStopped);
     ZU_DBG_LOGE("OfflineLogger query system space failed!");
     ZU_DBG_LOGE("OfflineLogger get override setting failed");
     return -1;
   }
   if (mib < kMinFreeMiB) {
     char name[PLATFORM_PATH_MAX];
-    snprintf(name, sizeof(name), "%s/ZuCam_%s_ErrorMsg.txt", kLogDir, mTypeName.c_str());
+    snprintf(name, sizeof(name), "%s/ZuCam_%s_ErrorMsg.txt", kLogDir, mState->mTypeName.c_str());
     ResolvedPath path(name);
     if (FILE* f = fopen(path.str, "a+")) {
       fputs(kNoSpaceText, f);
@@ -904,15 +914,15 @@ int ZuDegbugOfflineLogger::start() {
     return -1;
   }
   {
-    std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
+    std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
     openPoolFile();
     if (allocateLogQueueMemPool() != 0) {
       closePool();
       return -1;
     }
   }
-  mStatus.store(kStatusActive);
-  mAccepting.store(true, std::memory_order_release);
+  mState->mStatus.store(kStatusActive);
+  mState->mAccepting.store(true, std::memory_order_release);
   // Lines appended meanwhile wait in memory; the recovered ones reach the files first.
   recoverDeadProcesses();
   return 0;
@@ -920,69 +930,70 @@ int ZuDegbugOfflineLogger::start() {
 
 int ZuDegbugOfflineLogger::stop() {
   ZU_DBG_LOGI("E");
-  mAccepting.store(false, std::memory_order_release);
-  mStatus.store(kStatusStopping);
+  mState->mAccepting.store(false, std::memory_order_release);
+  mState->mStatus.store(kStatusStopping);
   {
     // Appends that got in before the door closed finish first.
-    std::lock_guard<ZuPoolLock> drain(mPoolLock);
+    std::lock_guard<ZuPoolLock> drain(mState->mPoolLock);
   }
   flushLogToFile(true);
-  mStatus.store(kStatusStopped);
+  mState->mStatus.store(kStatusStopped);
   setAllToDefaultValue();
   {
-    std::lock_guard<ZuPoolLock> write(mPoolLock);
-    std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
-    std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
-    mSessionCount.fetch_add(1, std::memory_order_relaxed);
+    std::lock_guard<ZuPoolLock> write(mState->mPoolLock);
+    std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
+    std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
+    mState->mSessionCount.fetch_add(1, std::memory_order_relaxed);
     closePool();
   }
-  ZU_DBG_LOGI("X mSessionCount %d", static_cast<int>(mSessionCount.load()));
+  ZU_DBG_LOGI("X mSessionCount %d", static_cast<int>(mState->mSessionCount.load()));
   return 0;
 }
 
 void ZuDegbugOfflineLogger::setAllToDefaultValue() {
   // The file mutex keeps a normal flush from writing queues that go away here.
-  std::lock_guard<ZuPoolLock> write(mPoolLock);
-  std::lock_guard<ZuOwnedPlainMutex> files(mFileMutex);
-  std::lock_guard<ZuOwnedRecursiveMutex> pool(mPoolMutex);
-  mFreeMemoryIndex.clear();
-  for (int i = 0; i < static_cast<int>(mMemoryLogPool.size()); ++i) {
-    mFreeMemoryIndex.push_back(i);
-    pool::BlockDesc* desc = mBlockDesc[static_cast<size_t>(i)];
+  std::lock_guard<ZuPoolLock> write(mState->mPoolLock);
+  std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
+  std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
+  mState->mFreeMemoryIndex.clear();
+  for (int i = 0; i < static_cast<int>(mState->mMemoryLogPool.size()); ++i) {
+    mState->mFreeMemoryIndex.push_back(i);
+    pool::BlockDesc* desc = mState->mBlockDesc[static_cast<size_t>(i)];
     pool::storeRelease(&desc->state, pool::kBlockFree);
     pool::storeRelease(&desc->used, 0);
     pool::storeRelease(&desc->flushed, 0);
   }
-  mFreeRegisterId.clear();
-  mFlushRegisterId.clear();
-  mPerLogInfoPool.clear();
-  mNeedFlushThreadCount.store(0, std::memory_order_relaxed);
-  mRecordEpoch.fetch_add(1, std::memory_order_relaxed);
+  mState->mFreeRegisterId.clear();
+  mState->mFlushRegisterId.clear();
+  mState->mPerLogInfoPool.clear();
+  mState->mNeedFlushThreadCount.store(0, std::memory_order_relaxed);
+  mState->mRecordEpoch.fetch_add(1, std::memory_order_relaxed);
 }
 
 void ZuDegbugOfflineLogger::activeOfflineLogger() {
   // Only a forced flush's stopping state is left here; a stopped logger needs start().
   uint32_t expected = kStatusStopping;
-  if (mAccepting.load(std::memory_order_acquire)) mStatus.compare_exchange_strong(expected, kStatusActive);
+  if (mState->mAccepting.load(std::memory_order_acquire))
+    mState->mStatus.compare_exchange_strong(expected, kStatusActive);
 }
 
-bool ZuDegbugOfflineLogger::isEnableOfflinelogger() { return mStatus.load() == kStatusActive; }
+bool ZuDegbugOfflineLogger::isEnableOfflinelogger() { return mState->mStatus.load() == kStatusActive; }
 
 bool ZuDegbugOfflineLogger::setFlushTriggerLink(void (*trigger)()) {
   if (trigger == nullptr) return false;
-  mFlushTrigger.store(trigger, std::memory_order_release);
+  mState->mFlushTrigger.store(trigger, std::memory_order_release);
   return true;
 }
 
 bool ZuDegbugOfflineLogger::setCrashFlushLink(CrashFlushLink link) {
   if (link == nullptr) return false;
-  mCrashFlushLink.store(link, std::memory_order_release);
+  mState->mCrashFlushLink.store(link, std::memory_order_release);
   return true;
 }
 
 bool ZuDegbugOfflineLogger::flushForCrash(Deadline deadline) {
-  if (CrashFlushLink link = mCrashFlushLink.load(std::memory_order_acquire))
-    return link(mZuOfflineLoggerType, deadline);
+  if (CrashFlushLink link = mState->mCrashFlushLink.load(std::memory_order_acquire))
+    return link(mState->mZuOfflineLoggerType, deadline);
   int result = 0;
   if (!flushLogToFileUntil(true, deadline, &result)) return false;
   if (result == 0) activeOfflineLogger();
@@ -990,8 +1001,8 @@ bool ZuDegbugOfflineLogger::flushForCrash(Deadline deadline) {
 }
 
 bool ZuDegbugOfflineLogger::isHeldByCurrentThread() const {
-  return mPoolLock.heldByCurrentThread() || mPoolMutex.heldByCurrentThread() ||
-         mQueueMutex.heldByCurrentThread() || mFileMutex.heldByCurrentThread();
+  return mState->mPoolLock.heldByCurrentThread() || mState->mPoolMutex.heldByCurrentThread() ||
+         mState->mQueueMutex.heldByCurrentThread() || mState->mFileMutex.heldByCurrentThread();
 }
 
 // ---- crash records ----
@@ -1029,38 +1040,38 @@ void writeCrashFile(const char* typeName, const uint8_t* data, uint32_t len) {
 
 ZuDegbugOfflineLogger::CrashKeep ZuDegbugOfflineLogger::keepCrashRecord(const char* text, uint32_t len,
                                                                         Deadline deadline) {
-  if (!mAccepting.load(std::memory_order_acquire)) return CrashKeep::Off;
+  if (!mState->mAccepting.load(std::memory_order_acquire)) return CrashKeep::Off;
   // The slots go away only under the write side of the pool lock. A thread stopped
   // inside its own append already holds the shared side, and one stopped inside a
   // stop holds the write side: neither may wait for it.
-  const threadLocalInfo& local = sThreadLocalInfo[slotOf(mZuOfflineLoggerType)];
-  const bool takeShared = !local.inAppend && !mPoolLock.heldByCurrentThread();
-  if (takeShared && !mPoolLock.lockShared(deadline)) return CrashKeep::NoRoom;
+  const threadLocalInfo& local = sThreadLocalInfo[slotOf(mState->mZuOfflineLoggerType)];
+  const bool takeShared = !local.inAppend && !mState->mPoolLock.heldByCurrentThread();
+  if (takeShared && !mState->mPoolLock.lockShared(deadline)) return CrashKeep::NoRoom;
   CrashKeep kept = CrashKeep::Off;
-  if (mAccepting.load(std::memory_order_acquire) && mPoolFile) {
-    const pool::CrashArea& area = mPoolFile->crashArea();
+  if (mState->mAccepting.load(std::memory_order_acquire) && mState->mPoolFile) {
+    const pool::CrashArea& area = mState->mPoolFile->crashArea();
     if (area.keep(text, len, zuCurrentTid()) < 0)
       kept = CrashKeep::NoRoom;
     else
       kept = area.durable() ? CrashKeep::InPoolFile : CrashKeep::InMemory;
   }
-  if (takeShared) mPoolLock.unlockShared();
+  if (takeShared) mState->mPoolLock.unlockShared();
   return kept;
 }
 
 void ZuDegbugOfflineLogger::writeCrashRecordStraight(const char* text, uint32_t len) {
-  writeCrashFile(mTypeName.c_str(), reinterpret_cast<const uint8_t*>(text), len);
+  writeCrashFile(mState->mTypeName.c_str(), reinterpret_cast<const uint8_t*>(text), len);
 }
 
 void ZuDegbugOfflineLogger::writeCrashRecordsStraight() {
-  if (!mAccepting.load(std::memory_order_acquire) || !mPoolFile) return;
-  const pool::CrashArea& area = mPoolFile->crashArea();
+  if (!mState->mAccepting.load(std::memory_order_acquire) || !mState->mPoolFile) return;
+  const pool::CrashArea& area = mState->mPoolFile->crashArea();
   uint32_t order[pool::kCrashSlots];
   const uint32_t count = area.completeInOrder(order);
   for (uint32_t i = 0; i < count; ++i) {
     if (!area.take(order[i])) continue;
     const pool::CrashSlot& slot = area.slot(order[i]);
-    writeCrashFile(mTypeName.c_str(), area.data(order[i]) + slot.flushed, slot.used - slot.flushed);
+    writeCrashFile(mState->mTypeName.c_str(), area.data(order[i]) + slot.flushed, slot.used - slot.flushed);
     area.release(order[i]);
   }
 }

@@ -32,101 +32,11 @@ enum class ZuOfflineLoggerType : int {
   Binary = 1,  // offered to hosts, files ".bin"
 };
 
-// A mutex that remembers which thread holds it, so that code running in a signal
-// handler can tell whether the interrupted thread is inside a critical section.
-// `Base` is std::mutex or std::recursive_mutex. Bounded waits poll try_lock, so that
-// they are safe in a signal handler and visible to every sanitizer.
 template <class Base>
-class ZuOwnedMutex {
- public:
-  void lock() {
-    mBase.lock();
-    noteAcquired();
-  }
-  bool try_lock() {
-    if (!mBase.try_lock()) return false;
-    noteAcquired();
-    return true;
-  }
-  bool try_lock_until(std::chrono::steady_clock::time_point deadline) {
-    if (deadline == std::chrono::steady_clock::time_point::max()) {
-      lock();
-      return true;
-    }
-    for (;;) {
-      if (try_lock()) return true;
-      if (std::chrono::steady_clock::now() >= deadline) return false;
-      std::this_thread::sleep_for(std::chrono::microseconds(100));
-    }
-  }
-  void unlock() {
-    if (--mDepth == 0) mOwner.store(0, std::memory_order_relaxed);
-    mBase.unlock();
-  }
-  bool heldByCurrentThread() const { return mOwner.load(std::memory_order_relaxed) == zuCurrentTid(); }
-
- private:
-  void noteAcquired() {
-    if (mDepth++ == 0) mOwner.store(zuCurrentTid(), std::memory_order_relaxed);
-  }
-  Base mBase;
-  std::atomic<uint32_t> mOwner{0};
-  uint32_t mDepth = 0;  // changed only by the holder
-};
+class ZuOwnedMutex;
 using ZuOwnedRecursiveMutex = ZuOwnedMutex<std::recursive_mutex>;
-using ZuOwnedPlainMutex = ZuOwnedMutex<std::mutex>;
-
-// Reader-writer lock of a logger's pool. Readers (appends of many threads) each touch
-// only their own stripe, so appends of different threads never contend; a writer
-// (forced flush, reset, stop) closes the door and waits until every stripe is empty.
-// Lock order in the logger: pool lock (write), file mutex, queue mutex, pool mutex.
-class ZUDEBUG_EXPORT ZuPoolLock {
- public:
-  using Deadline = std::chrono::steady_clock::time_point;
-  // Shared side; false when the deadline passed first.
-  bool lockShared(Deadline deadline = Deadline::max());
-  void unlockShared();
-  // Exclusive side, not recursive; false when the deadline passed first.
-  bool lock(Deadline deadline = Deadline::max());
-  void unlock();
-  bool heldByCurrentThread() const { return mOwner.load(std::memory_order_relaxed) == zuCurrentTid(); }
-
- private:
-  static constexpr int kStripes = 16;
-  struct alignas(64) Stripe {
-    std::atomic<uint32_t> readers{0};
-  };
-  Stripe mStripes[kStripes];
-  std::atomic<bool> mWriter{false};
-  ZuOwnedPlainMutex mWriterMutex;
-  std::atomic<uint32_t> mOwner{0};
-};
-
-// One record per handed-out queue; its index in the pool is the register id.
-struct PerLogThreadInfo {
-  bool bNeedFlush = false;          // handed to the flush thread
-  bool bReserved = false;           // cleared whenever the record is (re)used
-  uint32_t threadId = 0;            // kernel id of the owner
-  int32_t memoryIndex = -1;         // block index in mMemoryLogPool
-  uint32_t sessionCount = 0;        // owner's session when the queue was taken
-  uint32_t usedSize = 0;            // bytes written into the block
-  std::string name;                 // kept for the owner's name
-  uint32_t writtenTotal = 0;        // running count mirrored from the owner
-  uint8_t* address = nullptr;       // the block itself, so owners need not index the pool
-  pool::BlockDesc* desc = nullptr;  // the block's durable counters; null once recycled
-};
-
-// Per logger and thread: released at thread exit, when the thread's last queue is
-// handed to the flush thread.
-struct LifetimeThreadInfo {
-  explicit LifetimeThreadInfo(ZuOfflineLoggerType type) : loggerType(type) {}
-  ~LifetimeThreadInfo();
-  uint32_t threadId = 0;  // 0: no queue
-  int32_t registerId = -1;
-  ZuOfflineLoggerType loggerType;
-  uint32_t session = 0;  // logger session and record epoch the queue belongs to
-  uint32_t epoch = 0;
-};
+struct PerLogThreadInfo;
+struct LifetimeThreadInfo;
 
 class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
  public:
@@ -194,10 +104,10 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   static constexpr uint32_t kStatusActive = 0;
   static constexpr uint32_t kStatusStopping = 1;
   static constexpr uint32_t kStatusStopped = 2;
-  uint32_t getStatus() const { return mStatus.load(std::memory_order_relaxed); }
-  uint32_t getSessionCount() const { return mSessionCount.load(std::memory_order_relaxed); }
+  uint32_t getStatus() const;
+  uint32_t getSessionCount() const;
 
-  // ---- the private state below belongs to the logger's implementation ----
+  // ---- the private part below belongs to the logger's implementation ----
  private:
   friend struct LifetimeThreadInfo;
   friend class LoggerRecoveryWriter;
@@ -228,46 +138,9 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   void recoverDeadProcesses();
   std::string poolDirectory() const;
 
-  // Pool and queues.
-  std::vector<uint8_t*> mMemoryLogPool;
-  std::vector<std::unique_ptr<PerLogThreadInfo>> mPerLogInfoPool;
-  std::deque<int> mFreeMemoryIndex;
-  std::deque<int> mFreeRegisterId;
-  std::deque<int> mFlushRegisterId;
-  std::atomic<uint32_t> mStatus{kStatusStopped};
-  // Appends are taken from start until stop begins; forced flushes do not refuse them.
-  std::atomic<bool> mAccepting{false};
-  std::atomic<uint32_t> mSessionCount{1};
-  std::atomic<uint32_t> mNeedFlushThreadCount{0};
-  // Lines dropped because no block could be had; reported in the next block taken.
-  std::atomic<uint32_t> mDroppedLines{0};
-  // Durable memory: the pool file (or anonymous chunks), each block's counters and
-  // its index in the pool file (-1 when it is not in the file).
-  std::unique_ptr<pool::PoolFile> mPoolFile;
-  std::vector<pool::BlockDesc*> mBlockDesc;
-  std::vector<int32_t> mBlockFileIndex;
-  uint64_t mTakeSequence = 0;
-  ZuPoolLock mPoolLock;
-  ZuOwnedRecursiveMutex mPoolMutex;
-  ZuOwnedRecursiveMutex mQueueMutex;
-  ZuOfflineLoggerType mZuOfflineLoggerType;
-  // Bumped whenever every record is destroyed, so owners know their record is gone.
-  std::atomic<uint32_t> mRecordEpoch{0};
-
-  // Lifecycle.
-  std::string mTypeName;
-  uint32_t mFileLimit = 10;
-  bool mDirectoryScanned = false;
-  std::atomic<void (*)()> mFlushTrigger{nullptr};
-  std::atomic<CrashFlushLink> mCrashFlushLink{nullptr};
-
-  // Files.
-  std::string mCurrentFileName;
-  int32_t mFileOpen = 0;
-  uint32_t mCurrentFileSize = 0;
-  std::deque<std::string> mFileList;
-  bool mWriteFailing = false;  // the last write failed; said once until one succeeds
-  ZuOwnedPlainMutex mFileMutex;
+  // Everything the logger keeps lives in its state (ZuOfflineLoggerState.h).
+  struct State;
+  const std::unique_ptr<State> mState;
 };
 
 // ---- crash signal catcher ----

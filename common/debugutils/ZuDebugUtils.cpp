@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "ZuLogLine.h"
+#include "ZuOfflineLoggerState.h"
 #include "ZuPraseSettings.h"
 
 namespace zudebug {
@@ -228,7 +229,9 @@ bool forcedFlushForCrash(ZuOfflineLoggerType type, ZuDegbugOfflineLogger::Deadli
 }  // namespace
 
 ZuDebugInterface::ZuDebugInterface(ZuOfflineLoggerType type)
-    : mType(type), mLogger(ZuDegbugOfflineLogger::getInstance(type)) {
+    : mType(type),
+      mLogger(ZuDegbugOfflineLogger::getInstance(type)),
+      mControlMutex(std::make_unique<ZuOwnedRecursiveMutex>()) {
   Log::updateLogInfo();
   if (gZuCamLogGroup == 0) return;
   if (zuDebugMask() == 0) return;
@@ -283,7 +286,7 @@ void signalOfflineLoggerThreadWrapper() {
 
 int ZuDebugInterface::startOfflineLogger() {
   if (!mEnabled) return 0;
-  std::lock_guard<ZuOwnedRecursiveMutex> control(mControlMutex);
+  std::lock_guard<ZuOwnedRecursiveMutex> control(*mControlMutex);
   ZU_DBG_LOGI("Begin mStarted: %d", mStarted.load() ? 1 : 0);
   if (mStarted) return 0;
   int result = mLogger->start();
@@ -298,7 +301,7 @@ int ZuDebugInterface::startOfflineLogger() {
 
 void ZuDebugInterface::stopOfflineLogger() {
   if (!mEnabled) return;
-  std::lock_guard<ZuOwnedRecursiveMutex> control(mControlMutex);
+  std::lock_guard<ZuOwnedRecursiveMutex> control(*mControlMutex);
   if (!mStarted) return;
   ZU_DBG_LOGI("Begin");
   mLogger->stop();
@@ -312,18 +315,18 @@ void ZuDebugInterface::addLogInterface(const char* line, unsigned int length) {
 
 void ZuDebugInterface::flushLogToFileInterface(bool force) {
   if (!mEnabled) return;
-  std::lock_guard<ZuOwnedRecursiveMutex> control(mControlMutex);
+  std::lock_guard<ZuOwnedRecursiveMutex> control(*mControlMutex);
   mLogger->flushLogToFile(force);
   mLogger->activeOfflineLogger();
 }
 
 bool ZuDebugInterface::flushLogToFileInterfaceUntil(bool force, ZuDegbugOfflineLogger::Deadline deadline) {
   if (!mEnabled) return true;
-  if (mControlMutex.heldByCurrentThread() || mLogger->isHeldByCurrentThread()) return false;
-  if (!mControlMutex.try_lock_until(deadline)) return false;
+  if (mControlMutex->heldByCurrentThread() || mLogger->isHeldByCurrentThread()) return false;
+  if (!mControlMutex->try_lock_until(deadline)) return false;
   const bool done = mLogger->flushLogToFileUntil(force, deadline);
   if (done) mLogger->activeOfflineLogger();
-  mControlMutex.unlock();
+  mControlMutex->unlock();
   return done;
 }
 

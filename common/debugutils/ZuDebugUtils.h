@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -111,7 +112,7 @@ class ZUDEBUG_EXPORT ZuDebugInterface {
   bool isExtended() const { return mExtended; }
   ZuOfflineLoggerType getType() const { return mType; }
   // Serialises start, stop and forced flushes of this instance.
-  ZuOwnedRecursiveMutex& controlMutex() { return mControlMutex; }
+  ZuOwnedRecursiveMutex& controlMutex() { return *mControlMutex; }
   // Wakes and joins the flush thread; the instance stays usable without it.
   void shutdownFlushThread();
 
@@ -123,10 +124,10 @@ class ZUDEBUG_EXPORT ZuDebugInterface {
   std::thread mFlushThread;
   std::mutex mWaitMutex;
   std::condition_variable mFlushSignal;
-  ZuOwnedRecursiveMutex mControlMutex;
   ZuOfflineLoggerType mType;
   bool mSignalPending = false;               // a wake-up that came while the thread was flushing
   ZuDegbugOfflineLogger* mLogger = nullptr;  // the logger of mType
+  const std::unique_ptr<ZuOwnedRecursiveMutex> mControlMutex;
 };
 
 // The flush trigger given to both loggers: wakes the Debug instance's flush thread.
