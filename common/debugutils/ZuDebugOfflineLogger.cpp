@@ -52,19 +52,6 @@ void onForkChild() {
 }
 const int sAtForkRegistered = pthread_atfork(nullptr, nullptr, onForkChild);
 
-// What a thread keeps per logger type. Trivially constructed and destroyed, so that
-// the append path (and a signal handler) can reach it without any set-up call.
-struct threadLocalInfo {
-  uint8_t* queueAddress;
-  int32_t sThreadLocalQueuePoolId;
-  uint32_t session;
-  uint32_t bytesSinceReset;
-  uint32_t offset;
-  PerLogThreadInfo* record;  // the record of the current queue
-  pool::BlockDesc* desc;     // the durable counters of the current block
-  uint32_t epoch;            // record epoch the record belongs to
-  bool inAppend;             // an append of this thread is under way
-};
 thread_local threadLocalInfo sThreadLocalInfo[2] = {};
 
 // The thread-exit half: touched when a thread takes its first queue, destroyed when
@@ -399,10 +386,10 @@ bool ZuDegbugOfflineLogger::requestFlushLogQueueUntil(int registerId, Deadline d
   // A bounded caller may be a signal handler: it leaves the wake-up to its own flush.
   void (*trigger)() = mState->mFlushTrigger.load(std::memory_order_acquire);
   if (trigger != nullptr && deadline == Clock::time_point::max()) {
-    ZU_OFFLINE_LOG_AS(
-        ANDROID_LOG_INFO, "requestFlushLogQueue",
-        "OfflineLogger requestFlushLogQueue Signaled!!Signal = %p, mNeedFlushThreadCount:%d",
-        reinterpret_cast<void*>(trigger), static_cast<int>(mState->mNeedFlushThreadCount.load()));
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "requestFlushLogQueue",
+                      "OfflineLogger requestFlushLogQueue Signaled!!Signal = %p, mNeedFlushThreadCount:%d",
+                      reinterpret_cast<void*>(trigger),
+                      static_cast<int>(mState->mNeedFlushThreadCount.load()));
     trigger();
   }
   return true;
@@ -453,70 +440,10 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
   // Stop drains appends through the pool lock: past this test a line is always kept.
   if (!mState->mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
 
-  const uint32_t session = mState->mSessionCount.load(std::memory_order_relaxed);
-  bool needNewQueue = false;
-  bool handOver = false;
-  if (local.session != session) {
-    // First line of this thread, or the logger was restarted: the old queue is gone.
-    local.session = session;
-    local.record = nullptr;
-    local.queueAddress = nullptr;
-    local.offset = 0;
-    local.bytesSinceReset = 0;
-    needNewQueue = true;
-  } else if (local.record != nullptr && local.epoch != mState->mRecordEpoch.load(std::memory_order_relaxed)) {
-    // Every record was reset since this thread took its queue: what is left of it?
-    HeldLock<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex, deadline);
-    if (!queueLock.held()) return AppendResult::Blocked;
-    const int id = local.sThreadLocalQueuePoolId;
-    if (id < 0 || id >= static_cast<int>(mState->mPerLogInfoPool.size())) {
-      ZU_OFFLINE_LOG_AS(
-          ANDROID_LOG_ERROR, "addLog",
-          "sThreadLocalInfo[static_cast<int>(mZuOfflineLoggerType)].sThreadLocalQueuePoolId : %d "
-          "mPerLogInfoPool size: %d",
-          id, static_cast<int>(mState->mPerLogInfoPool.size()));
-      local.record = nullptr;
-      local.queueAddress = nullptr;
-    } else {
-      PerLogThreadInfo& record = *mState->mPerLogInfoPool[id];
-      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "OFFLINELOG:%p != %p %d %d",
-                        static_cast<void*>(record.address), static_cast<void*>(local.queueAddress), id,
-                        record.memoryIndex);
-    }
-    local.record = nullptr;
-    needNewQueue = true;
-  } else if (local.queueAddress == nullptr) {
-    // No block could be had last time: try again.
-    needNewQueue = true;
-  } else if (local.offset + length > kBlockSize || local.bytesSinceReset > kVolumeLimit) {
-    if (local.bytesSinceReset > kVolumeLimit) local.bytesSinceReset = 0;
-    needNewQueue = true;
-    handOver = true;
-  }
-  if (needNewQueue) {
-    // Hand the full queue over and take a fresh one, both or neither.
-    HeldLock<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex, deadline);
-    if (!queueLock.held()) return AppendResult::Blocked;
-    HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
-    if (!poolLock.held()) return AppendResult::Blocked;
-    if (handOver) requestFlushLogQueueUntil(local.sThreadLocalQueuePoolId, deadline);
-    uint8_t* queue = nullptr;
-    const int id = requestNewLogQueueUntil(queue, zuCurrentTid(), deadline, nullptr);
-    local.queueAddress = queue;
-    local.sThreadLocalQueuePoolId = id;
-    local.offset = 0;
-    if (queue != nullptr) {
-      // Lines lost while no block could be had are told in the first block there is.
-      const uint32_t dropped = mState->mDroppedLines.exchange(0, std::memory_order_relaxed);
-      if (dropped > 0) {
-        char notice[256];
-        const size_t n =
-            formatDiagnosticLine(notice, sizeof(notice), "E", zuBaseName(__FILE__), "addLog", __LINE__,
-                                 "OfflineLogger dropped %u lines: no queue memory could be had", dropped);
-        copyLine(local, notice, static_cast<unsigned int>(n));
-      }
-    }
-  }
+  QueueStep step;
+  if (!chooseQueueStep(local, length, deadline, &step)) return AppendResult::Blocked;
+  if (step != QueueStep::Keep && !takeFreshQueue(local, step == QueueStep::HandOver, deadline))
+    return AppendResult::Blocked;
   if (local.queueAddress == nullptr) {
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "memoryAddressToWrite is %p inputlog address is %p!",
                       static_cast<void*>(local.queueAddress), static_cast<const void*>(line));
@@ -525,6 +452,78 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
   }
   copyLine(local, line, length);
   return AppendResult::Done;
+}
+
+// Whether the thread goes on in its queue, needs a fresh one (first line, a restart, a
+// reset of every record, no block last time) or hands a full one over. False when a
+// lock could not be had in time.
+bool ZuDegbugOfflineLogger::chooseQueueStep(threadLocalInfo& local, unsigned int length, Deadline deadline,
+                                            QueueStep* step) {
+  const uint32_t session = mState->mSessionCount.load(std::memory_order_relaxed);
+  *step = QueueStep::Keep;
+  if (local.session != session) {
+    // First line of this thread, or the logger was restarted: the old queue is gone.
+    local.session = session;
+    local.record = nullptr;
+    local.queueAddress = nullptr;
+    local.offset = 0;
+    local.bytesSinceReset = 0;
+    *step = QueueStep::Fresh;
+  } else if (local.record != nullptr && local.epoch != mState->mRecordEpoch.load(std::memory_order_relaxed)) {
+    // Every record was reset since this thread took its queue: what is left of it?
+    HeldLock<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex, deadline);
+    if (!queueLock.held()) return false;
+    const int id = local.sThreadLocalQueuePoolId;
+    if (id < 0 || id >= static_cast<int>(mState->mPerLogInfoPool.size())) {
+      ZU_OFFLINE_LOG_AS(
+          ANDROID_LOG_ERROR, "addLog",
+          "sThreadLocalInfo[static_cast<int>(mZuOfflineLoggerType)].sThreadLocalQueuePoolId : %d "
+          "mPerLogInfoPool size: %d",
+          id, static_cast<int>(mState->mPerLogInfoPool.size()));
+      local.queueAddress = nullptr;
+    } else {
+      PerLogThreadInfo& record = *mState->mPerLogInfoPool[id];
+      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "OFFLINELOG:%p != %p %d %d",
+                        static_cast<void*>(record.address), static_cast<void*>(local.queueAddress), id,
+                        record.memoryIndex);
+    }
+    local.record = nullptr;
+    *step = QueueStep::Fresh;
+  } else if (local.queueAddress == nullptr) {
+    // No block could be had last time: try again.
+    *step = QueueStep::Fresh;
+  } else if (local.offset + length > kBlockSize || local.bytesSinceReset > kVolumeLimit) {
+    // Full, or past the volume a thread writes into queues before it hands over.
+    if (local.bytesSinceReset > kVolumeLimit) local.bytesSinceReset = 0;
+    *step = QueueStep::HandOver;
+  }
+  return true;
+}
+
+// Hands the full queue over (when asked) and takes a fresh one, both or neither. Lines
+// lost while no block could be had are told in the first block there is. False when
+// a lock could not be had in time.
+bool ZuDegbugOfflineLogger::takeFreshQueue(threadLocalInfo& local, bool handOver, Deadline deadline) {
+  HeldLock<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex, deadline);
+  if (!queueLock.held()) return false;
+  HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
+  if (!poolLock.held()) return false;
+  if (handOver) requestFlushLogQueueUntil(local.sThreadLocalQueuePoolId, deadline);
+  uint8_t* queue = nullptr;
+  const int id = requestNewLogQueueUntil(queue, zuCurrentTid(), deadline, nullptr);
+  local.queueAddress = queue;
+  local.sThreadLocalQueuePoolId = id;
+  local.offset = 0;
+  if (queue == nullptr) return true;
+  const uint32_t dropped = mState->mDroppedLines.exchange(0, std::memory_order_relaxed);
+  if (dropped > 0) {
+    char notice[256];
+    const size_t n =
+        formatDiagnosticLine(notice, sizeof(notice), "E", zuBaseName(__FILE__), "addLog", __LINE__,
+                             "OfflineLogger dropped %u lines: no queue memory could be had", dropped);
+    copyLine(local, notice, static_cast<unsigned int>(n));
+  }
+  return true;
 }
 
 // ---- files ----
@@ -545,8 +544,8 @@ bool ZuDegbugOfflineLogger::flushLogToFileUntil(bool force, Deadline deadline, i
 
 bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result) {
   ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "flushLogToFile",
-                    "flushLogToFile lastFlush: %d, status: %d, mNeedFlushThreadCount: %d",
-                    force ? 1 : 0, static_cast<int>(mState->mStatus.load()),
+                    "flushLogToFile lastFlush: %d, status: %d, mNeedFlushThreadCount: %d", force ? 1 : 0,
+                    static_cast<int>(mState->mStatus.load()),
                     static_cast<int>(mState->mNeedFlushThreadCount.load()));
   *result = 0;
   if (mState->mStatus.load() == kStatusStopped) {

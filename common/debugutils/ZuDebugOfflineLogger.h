@@ -37,6 +37,7 @@ class ZuOwnedMutex;
 using ZuOwnedRecursiveMutex = ZuOwnedMutex<std::recursive_mutex>;
 struct PerLogThreadInfo;
 struct LifetimeThreadInfo;
+struct threadLocalInfo;
 
 class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
  public:
@@ -116,6 +117,9 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
 
   enum class AppendResult { Done, Blocked };
   AppendResult addLogImpl(const char* line, unsigned int length, Deadline deadline);
+  enum class QueueStep { Keep, Fresh, HandOver };
+  bool chooseQueueStep(threadLocalInfo& local, unsigned int length, Deadline deadline, QueueStep* step);
+  bool takeFreshQueue(threadLocalInfo& local, bool handOver, Deadline deadline);
   // Lock-taking helpers that give up at the deadline (never, for Deadline::max()).
   int requestNewLogQueueUntil(uint8_t*& queue, uint32_t threadId, Deadline deadline, bool* blocked);
   bool requestFlushLogQueueUntil(int registerId, Deadline deadline);

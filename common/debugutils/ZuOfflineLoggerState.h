@@ -113,6 +113,20 @@ struct LifetimeThreadInfo {
   uint32_t epoch = 0;
 };
 
+// What a thread keeps per logger type. Trivially constructed and destroyed, so that
+// the append path (and a signal handler) can reach it without any set-up call.
+struct threadLocalInfo {
+  uint8_t* queueAddress;
+  int32_t sThreadLocalQueuePoolId;
+  uint32_t session;
+  uint32_t bytesSinceReset;
+  uint32_t offset;
+  PerLogThreadInfo* record;  // the record of the current queue
+  pool::BlockDesc* desc;     // the durable counters of the current block
+  uint32_t epoch;            // record epoch the record belongs to
+  bool inAppend;             // an append of this thread is under way
+};
+
 struct ZuDegbugOfflineLogger::State {
   explicit State(ZuOfflineLoggerType type)
       : mZuOfflineLoggerType(type), mTypeName(type == ZuOfflineLoggerType::Debug ? "Debug" : "Binary") {}
