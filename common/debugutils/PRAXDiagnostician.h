@@ -1,3 +1,6 @@
+// Snapshot diagnostics: a record of every still capture in flight, its stage times,
+// algorithm nodes and errors, dumped when it fails or the process crashes; and the
+// module diagnostician, which reports memory and state of the camera modules.
 #pragma once
 
 #include <time.h>

@@ -65,8 +65,6 @@ const char* groupTag(unsigned int group) {
   return e ? e->tag : kUnknown;
 }
 
-// "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s " of now; returns its length, 0 when
-// the local-time conversion fails.
 size_t formatStamp(char* buf, const char* level) {
   struct timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
@@ -106,9 +104,6 @@ size_t formatStamp(char* buf, const char* level) {
   return out.pos < kLineSize - 1 ? out.pos : kLineSize - 1;
 }
 
-// Appends the caller's message behind `used` bytes and finishes the line: returns n,
-// the text length before the "\n" (at most 1021).
-// "tag label " behind the time stamp; both forms of the line start so.
 LineCursor groupOrigin(char* buf, size_t stampLen, const char* tag, const char* label) {
   LineCursor origin{buf, stampLen};
   origin.put(tag);
@@ -118,7 +113,6 @@ LineCursor groupOrigin(char* buf, size_t stampLen, const char* tag, const char* 
   return origin;
 }
 
-// "file:line func() " behind the group origin, for lines that name their call site.
 void putCallSite(LineCursor& origin, const char* file, int line, const char* func) {
   origin.put(orEmpty(file));
   origin.put(":", 1);
