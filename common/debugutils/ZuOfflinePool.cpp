@@ -32,30 +32,27 @@ bool lockWhole(int fd) {
   return fcntl(fd, F_OFD_SETLK, &fl) == 0;
 }
 
-bool readAt(int fd, void* buf, size_t len, uint64_t off) {
-  auto* p = static_cast<uint8_t*>(buf);
+// The whole of [off, off + len) through pread or pwrite, across short transfers and
+// interruptions; false at an error or the end of the file.
+template <class Byte, class Transfer>
+bool transferAll(int fd, Byte* p, size_t len, uint64_t off, Transfer transfer) {
   while (len > 0) {
-    ssize_t r = pread(fd, p, len, static_cast<off_t>(off));
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return false;
-    p += r;
-    off += static_cast<uint64_t>(r);
-    len -= static_cast<size_t>(r);
+    ssize_t n = transfer(fd, p, len, static_cast<off_t>(off));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    p += n;
+    off += static_cast<uint64_t>(n);
+    len -= static_cast<size_t>(n);
   }
   return true;
 }
 
+bool readAt(int fd, void* buf, size_t len, uint64_t off) {
+  return transferAll(fd, static_cast<uint8_t*>(buf), len, off, ::pread);
+}
+
 bool writeAt(int fd, const void* buf, size_t len, uint64_t off) {
-  const auto* p = static_cast<const uint8_t*>(buf);
-  while (len > 0) {
-    ssize_t w = pwrite(fd, p, len, static_cast<off_t>(off));
-    if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) return false;
-    p += w;
-    off += static_cast<uint64_t>(w);
-    len -= static_cast<size_t>(w);
-  }
-  return true;
+  return transferAll(fd, static_cast<const uint8_t*>(buf), len, off, ::pwrite);
 }
 
 uint64_t descOffset(uint32_t fileBlock) {
