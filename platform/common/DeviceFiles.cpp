@@ -73,7 +73,8 @@ FileText readStream(FILE* f, size_t limit) {
   }
   const size_t cap = limit == kNoLimit ? kNoLimit : limit + 1;
   try {
-    if (st.st_size > 0) out.text.reserve(static_cast<size_t>(st.st_size));
+    // One byte more than reported: a read that ends exactly on a chunk asks once more.
+    if (st.st_size > 0) out.text.reserve(std::min(static_cast<size_t>(st.st_size) + 1, cap));
     for (;;) {
       const size_t want = std::min(kReadChunk, cap - out.text.size());
       if (want == 0) break;

@@ -30,7 +30,8 @@ using File = std::unique_ptr<FILE, FileCloser>;
 File openFile(const char* path, const char* mode);
 
 // open(2) of a device file, always close-on-exec. Allocates nothing and calls only
-// async-signal-safe functions, so a signal handler may use it.
+// async-signal-safe functions, so a signal handler may use it (a host build reads its
+// device root once, at the first mapping, which the library makes while it loads).
 int openFd(const char* path, int flags, mode_t mode = 0);
 
 enum class ReadStatus {
