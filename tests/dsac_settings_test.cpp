@@ -50,9 +50,8 @@ std::string items(const char* kind, const Map& map) {
 
 // The maps in order, then the flag: "b:<bool> i:<int> u:<uint32> U:<uint64> s:<string> prio=<0|1>".
 std::string describe(const PraxDsacSettings& s) {
-  return items("b:", s.getBoolMap()) + items("i:", s.getIntMap()) + items("u:", s.getUint32Map()) +
-         items("U:", s.getUint64Map()) + items("s:", s.getStringMap()) +
-         "prio=" + (s.usePropPriority() ? "1" : "0");
+  return items("b:", s.mBoolMap) + items("i:", s.mIntMap) + items("u:", s.mUint32Map) +
+         items("U:", s.mUint64Map) + items("s:", s.mStringMap) + "prio=" + (s.mUsePropPriority ? "1" : "0");
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,7 +19,7 @@
 #include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
-#include <zudebug_platform/fs.h>
+#include <zudebug_platform/device_files.h>
 
 #include "ZuDebugUtils.h"
 
@@ -46,11 +45,6 @@ constexpr size_t kMaxJsonDepth = 64;
 constexpr long long kMaxJsonFileBytes = 1048576;
 
 std::string todayDumpPath() { return std::string(kDumpDir) + "PRAX_DumpInfo_" + getTodayDate() + ".txt"; }
-
-FILE* openDeviceFile(const std::string& path, const char* mode) {
-  char buf[PLATFORM_PATH_MAX];
-  return fopen(platform_resolve_path(path.c_str(), buf, sizeof(buf)), mode);
-}
 
 // Stage names as strings, built once, so that updates of an existing entry allocate nothing.
 const std::string& stageName(uint32_t stage) {
@@ -188,13 +182,12 @@ void SnapshotRecord::logPrint() const {
 
 void SnapshotRecord::dumpToFile(const std::string& text) const {
   const std::string path = todayDumpPath();
-  FILE* f = openDeviceFile(path, "a");
-  if (f == nullptr) {
+  devfs::File f = devfs::openFile(path.c_str(), "a");
+  if (!f) {
     ZU_LOGI(kDiagTag, ZU_GROUP_HAL, "[SnapDiagnostician]open file:%s failed", path.c_str());
     return;
   }
-  fwrite(text.data(), 1, text.size(), f);
-  fclose(f);
+  fwrite(text.data(), 1, text.size(), f.get());
 }
 
 // ---- JSON collection file ----
@@ -408,32 +401,27 @@ void writeSnapshotInfoToJsonFile(const std::shared_ptr<SnapshotRecord>& record) 
   }
   // Read, extend and rewrite as one step, so concurrent writers lose no record.
   std::lock_guard<std::mutex> fileLock(sJsonFileMutex);
-  char pathBuf[PLATFORM_PATH_MAX];
-  const char* path = platform_resolve_path(kJsonPath, pathBuf, sizeof(pathBuf));
 
+  // Opened for writing too: a file that could not be rewritten is not taken in.
+  devfs::FileText file;
+  if (devfs::File in = devfs::openFile(kJsonPath, "r+"))
+    file = devfs::readStream(in.get(), static_cast<size_t>(kMaxJsonFileBytes));
+  else
+    file.error = errno;
   std::string content;
-  FILE* in = fopen(path, "r+");
-  struct stat st;
-  if (in == nullptr) {
-    ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "%s file open error:%s", kJsonPath, strerror(errno));
-  } else if (fstat(fileno(in), &st) == 0 && st.st_size > kMaxJsonFileBytes) {
-    fclose(in);
-    const std::string aside = std::string(path) + ".old";
-    if (rename(path, aside.c_str()) == 0)
+  if (file.status == devfs::ReadStatus::Ok) {
+    content = std::move(file.text);
+    ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "JSON file content:%s", content.c_str());
+  } else if (file.status == devfs::ReadStatus::TooLarge) {
+    const std::string aside = std::string(kJsonPath) + ".old";
+    if (devfs::renameFile(kJsonPath, aside.c_str()))
       ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "%s passed %lld bytes: moved to %s.old, a new one is started",
               kJsonPath, kMaxJsonFileBytes, kJsonPath);
     else
       ZU_LOGE(kDiagTag, ZU_GROUP_HAL, "%s passed %lld bytes and cannot be moved aside (%s): started over",
               kJsonPath, kMaxJsonFileBytes, strerror(errno));
   } else {
-    char buf[65536];
-    size_t n;
-    // Read no further than the limit, should the file grow meanwhile.
-    while (static_cast<long long>(content.size()) <= kMaxJsonFileBytes &&
-           (n = fread(buf, 1, sizeof(buf), in)) > 0)
-      content.append(buf, n);
-    ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "JSON file content:%s", content.c_str());
-    fclose(in);
+    ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "%s file open error:%s", kJsonPath, strerror(file.error));
   }
 
   JsonAlloc alloc;
@@ -474,14 +462,13 @@ void writeSnapshotInfoToJsonFile(const std::shared_ptr<SnapshotRecord>& record) 
   rapidjson::Writer<rapidjson::StringBuffer> writer(out);
   if (!doc.Accept(writer)) ZU_LOGE(kDiagTag, ZU_GROUP_HAL, "JSON write error");
 
-  FILE* file = fopen(path, "w");
-  if (file == nullptr) {
+  devfs::File outFile = devfs::openFile(kJsonPath, "w");
+  if (!outFile)
     ZU_LOGE(kDiagTag, ZU_GROUP_HAL, "JSON open error");
-  } else {
-    fwrite(out.GetString(), 1, out.GetSize(), file);
-    fclose(file);
-  }
-  if (chmod(path, 0666) == 0)
+  else
+    fwrite(out.GetString(), 1, out.GetSize(), outFile.get());
+  outFile.reset();
+  if (devfs::chmodFile(kJsonPath, 0666))
     ZU_LOGI(kDiagTag, ZU_GROUP_HAL, "File permissions changed successfully.");
   else
     ZU_LOGI(kDiagTag, ZU_GROUP_HAL, "Failed to change file permissions.");
@@ -811,16 +798,13 @@ void SnapDiagnostician::signalTrigger() {
 
 int SnapDiagnostician::dumpInfo(int fd) {
   const std::string path = todayDumpPath();
-  FILE* f = openDeviceFile(path, "r");
-  if (f == nullptr) {
+  devfs::FileText file = devfs::readFile(path.c_str(), devfs::kNoLimit);
+  if (file.status != devfs::ReadStatus::Ok) {
     ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "dumpInfo: open file %s failed", path.c_str());
     return -1;
   }
   std::string text = "=============================PRAX Diag dump begin=============================\n";
-  char buf[65536];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), f)) > 0) text.append(buf, n);
-  fclose(f);
+  text += file.text;
   text += "=============================PRAX Diag dump end===============================\n";
   if (write(fd, text.data(), text.size()) == -1) {
     ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "dumpInfo: write to CameraService dumpsys file failed.");
@@ -988,9 +972,8 @@ uint64_t ModuleDiagnostician::caculateMem(MemCallbackList& list) {
 }
 
 void ModuleDiagnostician::writePraxMemInfoToFile() {
-  char resolved[PLATFORM_PATH_MAX];
-  FILE* fp = fopen(platform_resolve_path(kMemInfoPath, resolved, sizeof(resolved)), "w");
-  if (fp == nullptr) {
+  devfs::File fp = devfs::openFile(kMemInfoPath, "w");
+  if (!fp) {
     ZU_LOGE("Prax-Diagnostician", ZU_GROUP_HAL, "open praxmeminfo.txt failed!");
     return;
   }
@@ -998,8 +981,7 @@ void ModuleDiagnostician::writePraxMemInfoToFile() {
   std::string line = getCurrentTime() + " " + " zuhalDmaSize:" + std::to_string(zuhalDmaSize / kMiB) +
                      ", zualgoEngineDmaSize:" + std::to_string(zualgoEngineDmaSize / kMiB) +
                      ", zuMetadataSize:" + std::to_string(zuMetadataSize / kMiB);
-  fwrite(line.data(), 1, line.size(), fp);
-  fclose(fp);
+  fwrite(line.data(), 1, line.size(), fp.get());
 }
 
 void ModuleDiagnostician::triggerMemInfoUpdate() {

@@ -1,11 +1,7 @@
 #include "PropertyControll.h"
 
 #include <cutils/properties.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -13,7 +9,7 @@
 #include <rapidjson/error/en.h>
 
 #include "ZuDebugUtils.h"
-#include "zudebug_platform/fs.h"
+#include "ZuSettingsFile.h"
 
 #define DSAC_TAG "PraxDsacSettins"
 
@@ -26,11 +22,6 @@ struct DsacDocument {
 namespace {
 
 constexpr const char* kDsacSettingsPath = "/odm/etc/camera/zorvex/DSACSettings.json";
-
-// A DSAC settings file above 1 MiB is refused, its size read before its content, and
-// the defaults are used: real files are a few KB.
-constexpr int kMaxFileKiB = 1024;
-constexpr long long kMaxFileSize = kMaxFileKiB * 1024LL;
 
 using PropRow = std::array<std::string, 3>;  // indexed by mapindex
 using PropTable = std::map<std::string, PropRow>;
@@ -118,40 +109,9 @@ PraxDsacSettings::~PraxDsacSettings() = default;
 PraxDsacSettings::PraxDsacSettings(const std::string* text) : mDocument(new DsacDocument) {
   std::string fileText;
   if (text == nullptr) {
-    char resolved[PLATFORM_PATH_MAX];
-    FILE* fp = fopen(platform_resolve_path(kDsacSettingsPath, resolved, sizeof(resolved)), "rb");
-    if (fp == nullptr) {
-      ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL, "open failed! file: %s", kDsacSettingsPath);
-      return;
-    }
-    struct stat st;
-    if (fstat(fileno(fp), &st) != 0) {
-      ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL, "fstat failed! file: %s", kDsacSettingsPath);
-      fclose(fp);
-      return;
-    }
-    if (static_cast<long long>(st.st_size) > kMaxFileSize) {
-      ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL,
-              "file too large! file: %s size: %lld, more than the %lld allowed: defaults used",
-              kDsacSettingsPath, static_cast<long long>(st.st_size), kMaxFileSize);
-      fclose(fp);
-      return;
-    }
-    // Read to the end rather than trusting the size: a directory or a special file
-    // reports sizes that do not match what it yields. Never more than one byte past
-    // the limit, which tells a file that grew meanwhile.
-    char chunk[4096];
-    size_t got;
-    while (static_cast<long long>(fileText.size()) <= kMaxFileSize &&
-           (got = fread(chunk, 1,
-                        std::min(sizeof(chunk), static_cast<size_t>(kMaxFileSize + 1) - fileText.size()),
-                        fp)) > 0)
-      fileText.append(chunk, got);
-    fclose(fp);
-    if (static_cast<long long>(fileText.size()) > kMaxFileSize) {
-      ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL,
-              "file too large! file: %s grew past the %lld bytes allowed: defaults used", kDsacSettingsPath,
-              kMaxFileSize);
+    std::string why;
+    if (!readSettingsFile(kDsacSettingsPath, &fileText, &why)) {
+      ZU_LOGW(DSAC_TAG, ZU_GROUP_HAL, "%s", why.c_str());
       return;
     }
     text = &fileText;

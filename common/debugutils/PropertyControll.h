@@ -4,7 +4,7 @@
 // typed maps.
 //
 // The library does not merge file values and properties for these tunables. A host
-// resolves a tunable itself: when usePropPriority() is true a set property wins over
+// resolves a tunable itself: when mUsePropPriority is true a set property wins over
 // the file, otherwise the file wins over the property; the table default comes last.
 #pragma once
 
@@ -45,12 +45,12 @@ class ZUDEBUG_EXPORT PraxDsacSettings {
   // when it is set to something else. An empty name gives false and leaves `value`.
   bool getPropValue(const char* propName, char* value);
 
+  // The older spelling of the members below, kept for hosts written against it.
   const std::map<std::string, bool>& getBoolMap() const { return mBoolMap; }
   const std::map<std::string, int32_t>& getIntMap() const { return mIntMap; }
   const std::map<std::string, uint32_t>& getUint32Map() const { return mUint32Map; }
   const std::map<std::string, uint64_t>& getUint64Map() const { return mUint64Map; }
   const std::map<std::string, std::string>& getStringMap() const { return mStringMap; }
-  // True unless the file holds "UsePropPriority" with a value other than true.
   bool usePropPriority() const { return mUsePropPriority; }
 
   ~PraxDsacSettings();
@@ -58,16 +58,23 @@ class ZUDEBUG_EXPORT PraxDsacSettings {
   PraxDsacSettings& operator=(const PraxDsacSettings&) = delete;
 
  private:
-  // Reads the settings file when `text` is null, otherwise sorts `text`.
-  explicit PraxDsacSettings(const std::string* text);
-
+  // Declared before the maps, so that at exit the maps go first, then the document.
   std::unique_ptr<DsacDocument> mDocument;
+
+ public:
+  // The file's members by value type, filled by the constructor and never changed
+  // afterwards: hosts read them, from any thread, without a lock.
   std::map<std::string, bool> mBoolMap;
   std::map<std::string, int32_t> mIntMap;
   std::map<std::string, uint32_t> mUint32Map;
   std::map<std::string, uint64_t> mUint64Map;
   std::map<std::string, std::string> mStringMap;
+  // True unless the file holds "UsePropPriority" with a value other than true.
   bool mUsePropPriority = true;
+
+ private:
+  // Reads the settings file when `text` is null, otherwise sorts `text`.
+  explicit PraxDsacSettings(const std::string* text);
 };
 
 }  // namespace zudebug

@@ -3,17 +3,13 @@
 #include <cutils/properties.h>
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
-#include <zudebug_platform/fs.h>
 
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "ZuDebugUtils.h"
+#include "ZuSettingsFile.h"
 
 #define SETTINGS_TAG "ZuPraseSettings"
 #define SETTINGS_GROUP 1u
@@ -23,11 +19,6 @@ namespace zudebug {
 namespace {
 
 constexpr const char* kSettingsPath = "/odm/etc/camera/zorvex/praxsettings.json";
-
-// A settings file above 1 MiB is refused, its size read before its content, and the
-// defaults are used: real files are a few KB.
-constexpr int kMaxFileKiB = 1024;
-constexpr long long kMaxFileSize = kMaxFileKiB * 1024LL;
 
 // Files nested deeper than this are parsed without recursion, so that a hostile
 // file cannot exhaust the stack; ordinary files keep the recursive parser.
@@ -167,38 +158,9 @@ ZuPraseSettings* ZuPraseSettings::getInstance() {
 ZuPraseSettings::ZuPraseSettings(const char* path) : mDocument(new Document()) {
   mUsePropPriority = true;
   if (path == nullptr) path = "";
-  char resolved[PLATFORM_PATH_MAX];
-  FILE* fp = fopen(platform_resolve_path(path, resolved, sizeof(resolved)), "rb");
-  if (fp == nullptr) {
-    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP, "open failed! file: %s", path);
-    return;
-  }
-  struct stat st;
-  if (fstat(fileno(fp), &st) != 0) {
-    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP, "fstat failed! file: %s", path);
-    fclose(fp);
-    return;
-  }
-  if (static_cast<long long>(st.st_size) > kMaxFileSize) {
-    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP,
-            "file too large! file: %s size: %lld, more than the %lld allowed: defaults used", path,
-            static_cast<long long>(st.st_size), kMaxFileSize);
-    fclose(fp);
-    return;
-  }
-  // Read to the end rather than trusting the size (a special file yields more or less
-  // than it reports, a file may grow meanwhile), never more than one byte past the limit.
-  std::string text;
-  char chunk[4096];
-  size_t got;
-  while (static_cast<long long>(text.size()) <= kMaxFileSize &&
-         (got = fread(chunk, 1, std::min(sizeof(chunk), static_cast<size_t>(kMaxFileSize + 1) - text.size()),
-                      fp)) > 0)
-    text.append(chunk, got);
-  fclose(fp);
-  if (static_cast<long long>(text.size()) > kMaxFileSize) {
-    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP,
-            "file too large! file: %s grew past the %lld bytes allowed: defaults used", path, kMaxFileSize);
+  std::string text, why;
+  if (!readSettingsFile(path, &text, &why)) {
+    ZU_LOGE(SETTINGS_TAG, SETTINGS_GROUP, "%s", why.c_str());
     return;
   }
   const char* buffer = text.c_str();

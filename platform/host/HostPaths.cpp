@@ -1,7 +1,6 @@
 // Host file-system mapping: ZUDEBUG_ROOT stands for the device's "/".
 #include "zudebug_platform/fs.h"
 
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -24,8 +23,11 @@ const std::string& rootDir() {
 extern "C" const char* platform_resolve_path(const char* path, char* buf, size_t size) {
   const std::string& root = rootDir();
   if (path == nullptr || path[0] != '/' || root.empty() || buf == nullptr || size == 0) return path;
-  int n = snprintf(buf, size, "%s%s", root.c_str(), path);
-  if (n < 0 || static_cast<size_t>(n) >= size) return path;
+  // Plain copies, no formatting: signal handlers resolve paths too.
+  const size_t len = strlen(path);
+  if (root.size() + len >= size) return path;
+  memcpy(buf, root.data(), root.size());
+  memcpy(buf + root.size(), path, len + 1);
   return buf;
 }
 

@@ -16,11 +16,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   auto s = zudebug::PraxDsacSettings::fromText(std::string(reinterpret_cast<const char*>(data), size));
-  for (const auto& kv : s->getUint32Map())
+  for (const auto& kv : s->mUint32Map)
     if (s->getPropName(kv.first, zudebug::TYPE_INDEX) != "UINT32") abort();
-  for (const auto& kv : s->getUint64Map())
+  for (const auto& kv : s->mUint64Map)
     if (s->getPropName(kv.first, zudebug::TYPE_INDEX) != "UINT64") abort();
-  for (const auto& kv : s->getIntMap()) {
+  for (const auto& kv : s->mIntMap) {
     std::string type = s->getPropName(kv.first, zudebug::TYPE_INDEX);
     if (type.empty() || type == "UINT32" || type == "UINT64") abort();
   }
