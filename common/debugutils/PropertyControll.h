@@ -45,14 +45,6 @@ class ZUDEBUG_EXPORT PraxDsacSettings {
   // when it is set to something else. An empty name gives false and leaves `value`.
   bool getPropValue(const char* propName, char* value);
 
-  // The older spelling of the members below, kept for hosts written against it.
-  const std::map<std::string, bool>& getBoolMap() const { return mBoolMap; }
-  const std::map<std::string, int32_t>& getIntMap() const { return mIntMap; }
-  const std::map<std::string, uint32_t>& getUint32Map() const { return mUint32Map; }
-  const std::map<std::string, uint64_t>& getUint64Map() const { return mUint64Map; }
-  const std::map<std::string, std::string>& getStringMap() const { return mStringMap; }
-  bool usePropPriority() const { return mUsePropPriority; }
-
   ~PraxDsacSettings();
   PraxDsacSettings(const PraxDsacSettings&) = delete;
   PraxDsacSettings& operator=(const PraxDsacSettings&) = delete;

@@ -23,6 +23,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <thread>
+#include <zudebug_platform/device_files.h>
 #include <zudebug_platform/fs.h>
 
 #include "ZuDebugDiag.h"
@@ -104,15 +105,7 @@ bool writeAll(int fd, const uint8_t* data, size_t len) {
 }
 
 // Creates a device directory and its parents; shared with every camera process.
-void makeDeviceDirs(const std::string& deviceDir) {
-  ResolvedPath path(deviceDir.c_str());
-  std::string p = path.str;
-  for (size_t pos = 1; pos != std::string::npos;) {
-    pos = p.find('/', pos + 1);
-    const std::string part = p.substr(0, pos);
-    if (mkdir(part.c_str(), 0777) == 0) chmod(part.c_str(), 0777);
-  }
-}
+void makeDeviceDirs(const std::string& deviceDir) { devfs::makeDirs(deviceDir.c_str(), 0777); }
 
 // The time a log file's name stands for, in microseconds of the epoch, for
 // "ZuCam_<type>_YYYY-MM-DD--hh-mm-ss-<microseconds>.<ext>"; other names (the
@@ -134,9 +127,8 @@ int64_t nameTime(const std::string& dir, const std::string& name, const std::str
       if (t != static_cast<time_t>(-1)) return static_cast<int64_t>(t) * 1000000 + usec;
     }
   }
-  ResolvedPath path((dir + "/" + name).c_str());
   struct stat st;
-  if (stat(path.str, &st) != 0) return 0;
+  if (!devfs::statFile((dir + "/" + name).c_str(), &st)) return 0;
   return static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000 + st.st_mtim.tv_nsec / 1000;
 }
 
@@ -638,9 +630,8 @@ void ZuDegbugOfflineLogger::recycleLocked(int registerId, PerLogThreadInfo& reco
 void ZuDegbugOfflineLogger::rotateLocked() {
   while (mState->mFileList.size() > mState->mFileLimit) {
     const std::string& oldest = mState->mFileList.front();
-    ResolvedPath path(oldest.c_str());
     // Another camera process may have rotated it away already.
-    if (unlink(path.str) != 0 && errno != ENOENT)
+    if (!devfs::removeFile(oldest.c_str()) && errno != ENOENT)
       ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile", "remove OfflineLog failed: %s", oldest.c_str());
     mState->mFileList.pop_front();
   }
@@ -728,8 +719,7 @@ void ZuDegbugOfflineLogger::writeCrashRecordsLocked() {
 bool ZuDegbugOfflineLogger::writeBytesLocked(const uint8_t* data, uint32_t len,
                                              void (*intent)(void*, const char*, uint64_t), void* ctx) {
   if (!mState->mFileOpen) openNewFileLocked();
-  ResolvedPath path(mState->mCurrentFileName.c_str());
-  const int fd = ::open(path.str, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  const int fd = devfs::openFd(mState->mCurrentFileName.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
   bool ok = fd >= 0;
   int err = errno;
   if (ok) {
@@ -781,15 +771,13 @@ void ZuDegbugOfflineLogger::openNewFileLocked() {
 // This type's files in the directory, oldest first by the time their names stand for.
 std::deque<std::string> ZuDegbugOfflineLogger::listLogFiles(bool logEach) {
   std::vector<std::pair<int64_t, std::string>> found;
-  ResolvedPath dir(kLogDir);
-  if (DIR* d = opendir(dir.str)) {
-    while (dirent* e = readdir(d)) {
-      if (strstr(e->d_name, mState->mTypeName.c_str()) == nullptr) continue;
-      // Queue files are never log files, even where the pool directory is this one.
-      if (strstr(e->d_name, ".pool") != nullptr) continue;
-      found.emplace_back(nameTime(kLogDir, e->d_name, mState->mTypeName), e->d_name);
-    }
-    closedir(d);
+  std::vector<std::string> names;
+  devfs::listDir(kLogDir, &names);
+  for (const std::string& name : names) {
+    if (name.find(mState->mTypeName) == std::string::npos) continue;
+    // Queue files are never log files, even where the pool directory is this one.
+    if (name.find(".pool") != std::string::npos) continue;
+    found.emplace_back(nameTime(kLogDir, name, mState->mTypeName), name);
   }
   std::sort(found.begin(), found.end());
   std::deque<std::string> list;
@@ -836,14 +824,13 @@ std::string ZuDegbugOfflineLogger::getCurrentTime() {
 }
 
 bool ZuDegbugOfflineLogger::queryAvailableSpace(const char* path, float* mib) {
-  struct statvfs st;
-  if (path == nullptr || platform_statvfs(path, &st) != 0) {
+  uint64_t bytes = 0;
+  if (path == nullptr || !devfs::freeSpace(path, &bytes)) {
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "getAvailableSpace",
                       "Offlinelog failed to get file system information!");
     return false;
   }
-  *mib = static_cast<float>(static_cast<double>(st.f_bavail) * static_cast<double>(st.f_bsize) *
-                            9.5367431640625e-07);
+  *mib = static_cast<float>(static_cast<double>(bytes) * 9.5367431640625e-07);
   return true;
 }
 
@@ -903,11 +890,7 @@ int ZuDegbugOfflineLogger::start() {
   if (mib < kMinFreeMiB) {
     char name[PLATFORM_PATH_MAX];
     snprintf(name, sizeof(name), "%s/ZuCam_%s_ErrorMsg.txt", kLogDir, mState->mTypeName.c_str());
-    ResolvedPath path(name);
-    if (FILE* f = fopen(path.str, "a+")) {
-      fputs(kNoSpaceText, f);
-      fclose(f);
-    }
+    if (devfs::File f = devfs::openFile(name, "a+")) fputs(kNoSpaceText, f.get());
     ZU_DBG_LOGE("OfflineLogger detect file system has no space left!");
     ZU_DBG_LOGE("OfflineLogger get override setting failed");
     return -1;
@@ -1026,9 +1009,7 @@ void writeCrashFile(const char* typeName, const uint8_t* data, uint32_t len) {
   formatTimeOfDay(stamp, sizeof(stamp), "%2d-%02d-%02d--%02d-%02d-%02d-%03ld");
   char name[PLATFORM_PATH_MAX];
   snprintf(name, sizeof(name), "%s/ZuCam_%s_%s.txt", kLogDir, typeName, stamp);
-  char buf[PLATFORM_PATH_MAX];
-  const int fd =
-      ::open(platform_resolve_path(name, buf, sizeof(buf)), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  const int fd = devfs::openFd(name, O_WRONLY | O_CREAT | O_APPEND, 0666);
   if (fd < 0) return;
   fchmod(fd, 0666);
   writeAll(fd, data, len);

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <zudebug_platform/device_files.h>
 #include <zudebug_platform/fs.h>
 
 #include "ZuDebugDiag.h"
@@ -124,9 +125,7 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
   // process ever sees the pool unlocked.
   const std::string finalPath = name;
   const std::string tmpPath = finalPath + ".tmp";
-  ResolvedPath tmp(tmpPath);
-  ResolvedPath fin(finalPath);
-  int fd = ::open(tmp.str, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  int fd = devfs::openFd(tmpPath.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
   if (fd < 0) {
     *why = errnoText("create", errno);
     return false;
@@ -135,7 +134,7 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
   auto fail = [&](const std::string& reason) {
     *why = reason;
     ::close(fd);
-    unlink(tmp.str);
+    devfs::removeFile(tmpPath.c_str());
     return false;
   };
   if (!lockWhole(fd)) return fail(errnoText("lock", errno));
@@ -155,7 +154,7 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
   header->createdNs = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
   // Nobody else looks at it before the rename below.
   memcpy(header->magic, kMagic, sizeof(kMagic));
-  if (rename(tmp.str, fin.str) != 0) {
+  if (!devfs::renameFile(tmpPath.c_str(), finalPath.c_str())) {
     munmap(head, kAreaBytes);
     return fail(errnoText("rename", errno));
   }
@@ -238,10 +237,7 @@ void PoolFile::close(bool remove) {
   mMemoryHeader = nullptr;
   if (mFd >= 0) {
     // Removed before the lock goes: a recoverer that opened it meanwhile finds it unlinked.
-    if (remove) {
-      ResolvedPath path(mPath);
-      unlink(path.str);
-    }
+    if (remove) devfs::removeFile(mPath.c_str());
     ::close(mFd);
   }
   mFd = -1;
@@ -321,13 +317,12 @@ class DeadPool {
     }
     if (limit > 0 && trustedTarget(in) && flushed == in.from && in.from < in.to && in.to <= used &&
         used <= limit) {
-      ResolvedPath target(in.file);
       struct stat st;
       bool done = true;  // a target that is gone took the bytes with it
-      if (stat(target.str, &st) == 0) {
+      if (devfs::statFile(in.file, &st)) {
         const uint64_t size = static_cast<uint64_t>(st.st_size);
         done = size >= in.fileOffset + (in.to - in.from);
-        if (!done && size > in.fileOffset && truncate(target.str, static_cast<off_t>(in.fileOffset)) != 0)
+        if (!done && size > in.fileOffset && !devfs::truncateFile(in.file, static_cast<off_t>(in.fileOffset)))
           ZU_DBG_LOGE("OfflineLogger cannot cut the torn tail off %s: %s", in.file, strerror(errno));
       }
       if (done) {
@@ -456,11 +451,11 @@ class DeadPool {
 
 // A ".tmp" pool that nobody holds is a creation the process did not live to finish.
 void removeAbandonedTmp(const std::string& path) {
-  ResolvedPath p(path);
-  int fd = ::open(p.str, O_RDWR | O_CLOEXEC);
+  int fd = devfs::openFd(path.c_str(), O_RDWR);
   if (fd < 0) return;
   struct stat st;
-  if (lockWhole(fd) && fstat(fd, &st) == 0 && time(nullptr) - st.st_mtime > 60) unlink(p.str);
+  if (lockWhole(fd) && fstat(fd, &st) == 0 && time(nullptr) - st.st_mtime > 60)
+    devfs::removeFile(path.c_str());
   ::close(fd);
 }
 
@@ -469,26 +464,18 @@ void removeAbandonedTmp(const std::string& path) {
 int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32_t loggerType,
                      const char* logDir, RecoveryWriter& writer) {
   const std::string prefix = "ZuCam_" + typeName + "_";
-  std::vector<std::string> names;
-  {
-    ResolvedPath d(dir);
-    DIR* dp = opendir(d.str);
-    if (dp == nullptr) return 0;
-    while (dirent* e = readdir(dp)) {
-      const std::string name = e->d_name;
-      if (name.compare(0, prefix.size(), prefix) != 0) continue;
-      if (hasSuffix(name, ".pool")) names.push_back(name);
-      if (hasSuffix(name, ".pool.tmp")) removeAbandonedTmp(dir + "/" + name);
-    }
-    closedir(dp);
+  std::vector<std::string> all, names;
+  if (!devfs::listDir(dir.c_str(), &all)) return 0;
+  for (const std::string& name : all) {
+    if (name.compare(0, prefix.size(), prefix) != 0) continue;
+    if (hasSuffix(name, ".pool")) names.push_back(name);
+    if (hasSuffix(name, ".pool.tmp")) removeAbandonedTmp(dir + "/" + name);
   }
-  std::sort(names.begin(), names.end());
   std::unique_ptr<uint8_t[]> buf;
   int recovered = 0;
   for (const std::string& name : names) {
     const std::string path = dir + "/" + name;
-    ResolvedPath p(path);
-    const int fd = ::open(p.str, O_RDWR | O_CLOEXEC);
+    const int fd = devfs::openFd(path.c_str(), O_RDWR);
     if (fd < 0) continue;  // removed by another recoverer meanwhile
     struct stat st;
     // Held by its owner, or by another process recovering it right now.
@@ -501,7 +488,7 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
     if (!dead.load(loggerType, &why)) {
       ZU_DBG_LOGE("OfflineLogger pool file %s cannot be trusted (%s): removed without recovery", path.c_str(),
                   why.c_str());
-      unlink(p.str);
+      devfs::removeFile(path.c_str());
       ::close(fd);
       continue;
     }
@@ -527,7 +514,7 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
     }
     ZU_DBG_LOGI("OfflineLogger recovered %llu bytes of process %u from %s",
                 static_cast<unsigned long long>(total), dead.pid(), path.c_str());
-    unlink(p.str);
+    devfs::removeFile(path.c_str());
     ::close(fd);
     ++recovered;
   }

@@ -19,20 +19,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <zudebug_platform/fs.h>
-
 #include <string>
 #include <vector>
 
 namespace zudebug {
-
-// Full device path -> path to open on this system.
-struct ResolvedPath {
-  explicit ResolvedPath(const char* path) : str(platform_resolve_path(path, buf, sizeof(buf))) {}
-  explicit ResolvedPath(const std::string& path) : ResolvedPath(path.c_str()) {}
-  char buf[PLATFORM_PATH_MAX];
-  const char* str;
-};
 
 namespace pool {
 

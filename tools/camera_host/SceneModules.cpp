@@ -36,15 +36,15 @@ std::string readAll(const std::string& path) {
 
 // The file's value of `name` as text, from whichever typed map holds it.
 bool fileValue(const PraxDsacSettings& s, const std::string& name, std::string& out) {
-  if (auto it = s.getBoolMap().find(name); it != s.getBoolMap().end())
+  if (auto it = s.mBoolMap.find(name); it != s.mBoolMap.end())
     out = it->second ? "true" : "false";
-  else if (auto it = s.getIntMap().find(name); it != s.getIntMap().end())
+  else if (auto it = s.mIntMap.find(name); it != s.mIntMap.end())
     out = std::to_string(it->second);
-  else if (auto it = s.getUint32Map().find(name); it != s.getUint32Map().end())
+  else if (auto it = s.mUint32Map.find(name); it != s.mUint32Map.end())
     out = std::to_string(it->second);
-  else if (auto it = s.getUint64Map().find(name); it != s.getUint64Map().end())
+  else if (auto it = s.mUint64Map.find(name); it != s.mUint64Map.end())
     out = std::to_string(it->second);
-  else if (auto it = s.getStringMap().find(name); it != s.getStringMap().end())
+  else if (auto it = s.mStringMap.find(name); it != s.mStringMap.end())
     out = it->second;
   else
     return false;
@@ -61,7 +61,7 @@ void printTunable(PraxDsacSettings& s, const std::string& name) {
   bool propSet = s.getPropValue(prop.c_str(), propValue);
   const char* source;
   std::string value;
-  if (propSet && (s.usePropPriority() || !inFile)) {
+  if (propSet && (s.mUsePropPriority || !inFile)) {
     source = "property";
     value = propValue;
   } else if (inFile) {
@@ -117,7 +117,7 @@ void runModulesScene(const HostOptions& opts) {
   diag->dumpPraxCore(STDOUT_FILENO);
 
   PraxDsacSettings* dsac = PraxDsacSettings::getInstance();
-  printf("DSAC tunables (DSACSettings.json, %s first):\n", dsac->usePropPriority() ? "properties" : "file");
+  printf("DSAC tunables (DSACSettings.json, %s first):\n", dsac->mUsePropPriority ? "properties" : "file");
   for (const char* name :
        {"enableDSACMoudle", "MaxStorageNum", "SDCardWriteType", "HighTempDelayTime", "MinUfsSpeed",
         "WbAvailBufEmptyThMap", "UfsCapacityFile", "forceEnableDSACStorage"})
