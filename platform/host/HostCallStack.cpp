@@ -29,6 +29,28 @@ std::string commandLine() {
   return buf;  // the program name: arguments are separated by zeros
 }
 
+// Both stacks print through any printer: to the log, to a file descriptor with an
+// indent, or into a string.
+template <class Stack>
+void logThrough(const Stack& stack, const char* logtag, android_LogPriority priority, const char* prefix) {
+  LogPrinter printer(logtag, priority, prefix, false);
+  stack.print(printer);
+}
+
+template <class Stack>
+void dumpThrough(const Stack& stack, int fd, int indent, const char* prefix) {
+  FdPrinter printer(fd, indent > 0 ? static_cast<unsigned int>(indent) : 0u, prefix);
+  stack.print(printer);
+}
+
+template <class Stack>
+String8 renderThrough(const Stack& stack, const char* prefix) {
+  String8 s;
+  String8Printer printer(&s, prefix);
+  stack.print(printer);
+  return s;
+}
+
 }  // namespace
 
 // ---- CallStack ----
@@ -63,21 +85,12 @@ __attribute__((noinline)) void CallStack::update(int32_t ignoreDepth, pid_t tid)
 }
 
 void CallStack::log(const char* logtag, android_LogPriority priority, const char* prefix) const {
-  LogPrinter printer(logtag, priority, prefix, false);
-  print(printer);
+  logThrough(*this, logtag, priority, prefix);
 }
 
-void CallStack::dump(int fd, int indent, const char* prefix) const {
-  FdPrinter printer(fd, indent > 0 ? static_cast<unsigned int>(indent) : 0u, prefix);
-  print(printer);
-}
+void CallStack::dump(int fd, int indent, const char* prefix) const { dumpThrough(*this, fd, indent, prefix); }
 
-String8 CallStack::toString(const char* prefix) const {
-  String8 s;
-  String8Printer printer(&s, prefix);
-  print(printer);
-  return s;
-}
+String8 CallStack::toString(const char* prefix) const { return renderThrough(*this, prefix); }
 
 void CallStack::print(Printer& printer) const {
   for (const String8& line : mFrameLines) printer.printLine(line.c_str());
@@ -127,21 +140,14 @@ void ProcessCallStack::update() {
 }
 
 void ProcessCallStack::log(const char* logtag, android_LogPriority priority, const char* prefix) const {
-  LogPrinter printer(logtag, priority, prefix, false);
-  print(printer);
+  logThrough(*this, logtag, priority, prefix);
 }
 
 void ProcessCallStack::dump(int fd, int indent, const char* prefix) const {
-  FdPrinter printer(fd, indent > 0 ? static_cast<unsigned int>(indent) : 0u, prefix);
-  print(printer);
+  dumpThrough(*this, fd, indent, prefix);
 }
 
-String8 ProcessCallStack::toString(const char* prefix) const {
-  String8 s;
-  String8Printer printer(&s, prefix);
-  print(printer);
-  return s;
-}
+String8 ProcessCallStack::toString(const char* prefix) const { return renderThrough(*this, prefix); }
 
 void ProcessCallStack::print(Printer& printer) const {
   // Frames are indented under their thread's header.

@@ -70,9 +70,10 @@ int String8::appendFormatV(const char* fmt, va_list args) {
 }
 
 String8 String8::format(const char* fmt, ...) {
+  String8 s;
   va_list args;
   va_start(args, fmt);
-  String8 s = formatV(fmt, args);
+  s.appendFormatV(fmt, args);
   va_end(args);
   return s;
 }
