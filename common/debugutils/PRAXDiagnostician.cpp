@@ -54,6 +54,14 @@ const std::string& stageName(uint32_t stage) {
 
 std::shared_ptr<SnapshotRequestQueue> theQueue() { return SnapDiagnostician::getInstance()->getQueue(); }
 
+// The queue locked, and the record of `key` in it (null when there is none).
+struct LockedRecord {
+  std::shared_ptr<SnapshotRequestQueue> q = theQueue();
+  std::lock_guard<std::mutex> lock{q->mutex};
+  SnapshotRecord* r;
+  explicit LockedRecord(uint64_t key) : r(q->find(key)) {}
+};
+
 }  // namespace
 
 const char* TimeStageToChar[TIME_STAGE_COUNT] = {
@@ -565,10 +573,9 @@ void SnapshotRequestQueue::markFailed(SnapshotRecord& record, const char* reason
 
 void updateSnapshotInfo(uint64_t key, int oriPhgType, int phgType, bool isQuickShot,
                         uint64_t quickshotDelayTime, std::vector<int> streamId, std::vector<int> allFrames) {
-  auto q = theQueue();
-  std::lock_guard<std::mutex> lock(q->mutex);
-  SnapshotRecord* r = q->find(key);
-  if (r == nullptr) {
+  LockedRecord locked(key);
+  SnapshotRecord* r = locked.r;
+  if (!r) {
     ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "can not find fakeFrameNum: %d", static_cast<int32_t>(key));
     return;
   }
@@ -582,10 +589,9 @@ void updateSnapshotInfo(uint64_t key, int oriPhgType, int phgType, bool isQuickS
 }
 
 void updateVndResultInfo(uint64_t key, uint32_t vendorFrame, int resultCode) {
-  auto q = theQueue();
-  std::lock_guard<std::mutex> lock(q->mutex);
-  SnapshotRecord* r = q->find(key);
-  if (r == nullptr) {
+  LockedRecord locked(key);
+  SnapshotRecord* r = locked.r;
+  if (!r) {
     ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "can not find fakeFrameNum: %d", static_cast<int32_t>(key));
     return;
   }
@@ -600,7 +606,7 @@ void updateVndResultInfo(uint64_t key, uint32_t vendorFrame, int resultCode) {
     for (int32_t frame : info.allFrames) info.vendorResultInfo[frame] = "not_return";
   }
   info.vendorResultInfo[static_cast<int32_t>(vendorFrame)] = ResultErrorCodeToChar[resultCode];
-  if (resultCode != RESULT_ERROR_NONE) q->markFailed(*r, "vendor result error");
+  if (resultCode != RESULT_ERROR_NONE) locked.q->markFailed(*r, "vendor result error");
 }
 
 void updatePostProcInfo(std::map<std::string, uint32_t> postProcInfo) {
@@ -647,10 +653,9 @@ void updateNodeProcState(const std::string& imageName, const std::string& nodeNa
 }
 
 void updateAnchorFrame(uint64_t key, int anchorFrame) {
-  auto q = theQueue();
-  std::lock_guard<std::mutex> lock(q->mutex);
-  SnapshotRecord* r = q->find(key);
-  if (r == nullptr) {
+  LockedRecord locked(key);
+  SnapshotRecord* r = locked.r;
+  if (!r) {
     ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "can not find fakeFrameNum: %d", static_cast<int32_t>(key));
     return;
   }
@@ -661,10 +666,9 @@ void updateSnapshotErrorInfo(uint64_t key, const char* errorInfo) {
   const char* text = errorInfo != nullptr ? errorInfo : "";
   ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "updateSnapshotErrorInfo: fwkFrame: %ld, errorInfo: %s",
           static_cast<long>(key >> 32), text);
-  auto q = theQueue();
-  std::lock_guard<std::mutex> lock(q->mutex);
-  SnapshotRecord* r = q->find(key);
-  if (r == nullptr) {
+  LockedRecord locked(key);
+  SnapshotRecord* r = locked.r;
+  if (!r) {
     ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "can not find fakeFrameNum: %ld", static_cast<long>(key));
     return;
   }
@@ -675,10 +679,9 @@ void updateSnapshotErrorInfo(uint64_t key, const char* errorInfo) {
 void updateSnapshotTimeInfo(uint64_t key, uint32_t stage) {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  auto q = theQueue();
-  std::lock_guard<std::mutex> lock(q->mutex);
-  SnapshotRecord* r = q->find(key);
-  if (r == nullptr) {
+  LockedRecord locked(key);
+  SnapshotRecord* r = locked.r;
+  if (!r) {
     ZU_LOGW(kDiagTag, ZU_GROUP_HAL, "can not find fakeFrameNum: %ld, type:%d", static_cast<long>(key),
             static_cast<int>(stage));
     return;
