@@ -11,6 +11,8 @@
 namespace zulog {
 
 int runMerge(const std::vector<std::string>& args);
+int runCrash(const std::vector<std::string>& args);
+int runGuards(const std::vector<std::string>& args);
 
 // Shared by the commands that read offline logs.
 void note(const std::string& message);  // "zudebug-log: <message>" on stderr

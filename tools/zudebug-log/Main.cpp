@@ -25,7 +25,12 @@ const char kUsage[] =
     "      and processes; a directory stands for its ZuCam_<type>_<time>.txt files\n"
     "      filters: --since T, --until T (YYYY-MM-DD hh:mm[:ss[.frac]], MM-DD hh:mm:ss,\n"
     "      or hh:mm[:ss] on the day of the earliest line), --level EW | W+,\n"
-    "      --group TAG|LABEL, --pid N, --tid N, --grep REGEX (POSIX extended)\n";
+    "      --group TAG|LABEL, --pid N, --tid N, --grep REGEX (POSIX extended)\n"
+    "  crash [--symbols DIR]... [--context N] PATH...\n"
+    "      every crash record with the N lines before it (default 40), frames\n"
+    "      symbolised from debug information (DIR mirrors the device's paths)\n"
+    "  guards PATH...\n"
+    "      request and function timeouts of the guard monitor with their stack dumps\n";
 
 }  // namespace
 
@@ -125,5 +130,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (command == "merge") return zulog::runMerge(args);
+  if (command == "crash") return zulog::runCrash(args);
+  if (command == "guards") return zulog::runGuards(args);
   return zulog::usageError("unknown command '" + command + "'");
 }
