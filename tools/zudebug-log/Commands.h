@@ -12,6 +12,7 @@ namespace zulog {
 
 int runMerge(const std::vector<std::string>& args);
 int runCrash(const std::vector<std::string>& args);
+int runSnapshot(const std::vector<std::string>& args);
 int runGuards(const std::vector<std::string>& args);
 
 // Shared by the commands that read offline logs.

@@ -29,6 +29,9 @@ const char kUsage[] =
     "  crash [--symbols DIR]... [--context N] PATH...\n"
     "      every crash record with the N lines before it (default 40), frames\n"
     "      symbolised from debug information (DIR mirrors the device's paths)\n"
+    "  snapshot FILE... [--html OUT] [--trace OUT]\n"
+    "      captures of praxErrorSnapdump.json and PRAX_DumpInfo_<date>.txt: one row\n"
+    "      each; a timeline page (--html) or Chrome trace JSON for Perfetto (--trace)\n"
     "  guards PATH...\n"
     "      request and function timeouts of the guard monitor with their stack dumps\n";
 
@@ -131,6 +134,7 @@ int main(int argc, char** argv) {
   }
   if (command == "merge") return zulog::runMerge(args);
   if (command == "crash") return zulog::runCrash(args);
+  if (command == "snapshot") return zulog::runSnapshot(args);
   if (command == "guards") return zulog::runGuards(args);
   return zulog::usageError("unknown command '" + command + "'");
 }
