@@ -6,8 +6,22 @@
 
 namespace zulog {
 
+namespace {
+
+// No more than the range needs, but room for the longest line and its neighbour.
+size_t bufferSize(uint64_t begin, uint64_t end, size_t capacity) {
+  const uint64_t range = end > begin ? end - begin : 0;
+  const size_t least = 2 * kMaxLine + 2;
+  if (range + 1 < capacity) capacity = static_cast<size_t>(range + 1);
+  return capacity < least ? least : capacity;
+}
+
+}  // namespace
+
 LineReader::LineReader(int fd, uint64_t begin, uint64_t end, size_t capacity)
-    : mFd(fd), mBufferOffset(begin), mEnd(end), mBuffer(new char[capacity]), mCapacity(capacity) {}
+    : mFd(fd), mBufferOffset(begin), mEnd(end), mCapacity(bufferSize(begin, end, capacity)) {
+  mBuffer.reset(new char[mCapacity]);
+}
 
 bool LineReader::refill() {
   if (mStart > 0) {

@@ -100,7 +100,7 @@ bool parseLine(std::string_view text, LogLine* out) {
   std::string_view rest = text.substr(out->stamp.restOffset);
   if (out->stamp.level == 'F' && rest.compare(0, kCrashTagLen, kCrashTag) == 0) {
     out->crash = true;
-    out->tag = "DEBUG";
+    out->tag = rest.substr(0, 5);  // "DEBUG"
     out->hasTag = true;
     out->msg = rest.substr(kCrashTagLen);
     return true;

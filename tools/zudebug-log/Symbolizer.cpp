@@ -144,8 +144,14 @@ Symbolized Symbolizer::lookup(const std::string& modulePath, uint64_t address) {
   Dwarf_Addr bias = 0;
   Dwarf_Die* cu = dwfl_module_addrdie(m.mod, address, &bias);
   if (cu == nullptr) {
-    out.problem = out.symbol.empty() ? "no symbol and no debug information at this address"
-                                     : "no debug information (symbol table only)";
+    if (out.symbol.empty()) {
+      out.problem = "no symbol and no debug information at this address";
+    } else {
+      out.problem = "no debug information, symbol table only";
+      SourceFrame f;
+      f.function = out.symbol;
+      out.frames.push_back(f);
+    }
     return out;
   }
   SourceFrame at;
