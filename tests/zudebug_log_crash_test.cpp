@@ -121,11 +121,13 @@ TEST(LogToolCrash, RecordIsSymbolisedToFunctionsAndLines) {
   ASSERT_NE(frame, npos);
   const size_t next = out.find("F DEBUG   : #", frame + 1);
   const std::string faultText = out.substr(frame, next - frame);
-  EXPECT_NE(faultText.find("      storeSample at " + storeAt), npos) << faultText;
-  EXPECT_NE(faultText.find("(inlined by) (anonymous namespace)::fillBuffer(int) at " + inlinedAt), npos)
+  EXPECT_NE(faultText.find("      storeSample at " + storeAt + ":"), npos) << faultText;
+  EXPECT_NE(faultText.find("(inlined by) (anonymous namespace)::fillBuffer(int) at " + inlinedAt + ":"), npos)
       << faultText;
   // A return address is looked up one byte back: the call, not what follows it.
-  EXPECT_NE(out.find("operator() at " + calledAt), npos) << out;
+  const size_t call = out.find(" at " + calledAt + ":");
+  ASSERT_NE(call, npos) << out;
+  EXPECT_NE(out.substr(out.rfind('\n', call), call - out.rfind('\n', call)).find("operator()"), npos) << out;
   EXPECT_NE(out.find("signal return trampoline"), npos) << out;
 
   // The same record from a device whose module is stripped on the device and whole in
@@ -146,8 +148,9 @@ TEST(LogToolCrash, RecordIsSymbolisedToFunctionsAndLines) {
   EXPECT_NE(r.out.find("fillBuffer(int)+0x"), npos) << r.out;
   r = zlog({"crash", "--context", "0", "--symbols", root.path("nowhere"), "--symbols", tree,
             root.path("device-log")});
-  EXPECT_NE(r.out.find("(inlined by) (anonymous namespace)::fillBuffer(int) at " + inlinedAt), npos) << r.out;
-  EXPECT_NE(r.out.find(" at " + storeAt), npos) << r.out;
+  EXPECT_NE(r.out.find("(inlined by) (anonymous namespace)::fillBuffer(int) at " + inlinedAt + ":"), npos)
+      << r.out;
+  EXPECT_NE(r.out.find(" at " + storeAt + ":"), npos) << r.out;
   EXPECT_EQ(r.out.find("-- 0 lines before it"), r.out.find("-- ")) << r.out;
   // A module that is nowhere, and a log without a crash.
   root.writeFile("moved/ZuCam_Debug_2024-03-07--09-15-00-1.txt",
