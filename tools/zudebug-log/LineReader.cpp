@@ -117,8 +117,10 @@ void classifyLine(const RawLine& raw, const InputFile& file, ClassifiedLine* out
   std::string_view text(raw.data, raw.len);
   // Zero bytes come in runs (blocks that never got their data); a line may start
   // behind one.
-  const size_t lastZero = text.rfind('\0');
-  if (lastZero != std::string_view::npos) {
+  const void* zero = text.empty() ? nullptr : memchr(text.data(), '\0', text.size());
+  if (zero != nullptr) {
+    const size_t lastZero =
+        static_cast<size_t>(static_cast<const char*>(memrchr(text.data(), '\0', text.size())) - text.data());
     if (stats != nullptr) {
       size_t zeros = 0, other = 0;
       for (size_t i = 0; i <= lastZero; ++i) (text[i] == '\0' ? zeros : other)++;

@@ -3,7 +3,9 @@
 #include <stdint.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
+#include <thread>
 
 namespace zulog {
 
@@ -139,11 +141,27 @@ MergeReport mergeFiles(std::vector<InputFile>& files, LineSink& sink, LineFilter
   MergeReport report;
   std::vector<std::unique_ptr<Cursor>> cursors;
   bool haveErrorInfo = false;
-  for (const InputFile& f : files) {
-    ReadStats stats;
-    uint64_t stamped = 0;
-    std::vector<Run> runs = findRuns(f, &stats, &stamped);
-    std::string problems = stats.describe();
+  // The first pass reads each file on its own: spread the files over the cores.
+  std::vector<std::vector<Run>> runsOf(files.size());
+  std::vector<ReadStats> statsOf(files.size());
+  std::atomic<size_t> nextFile{0};
+  auto scan = [&] {
+    for (size_t i; (i = nextFile.fetch_add(1)) < files.size();) {
+      uint64_t stamped = 0;
+      runsOf[i] = findRuns(files[i], &statsOf[i], &stamped);
+    }
+  };
+  const size_t workers =
+      std::min<size_t>(std::min(4u, std::max(1u, std::thread::hardware_concurrency())), files.size());
+  std::vector<std::thread> scanners;
+  for (size_t w = 1; w < workers; ++w) scanners.emplace_back(scan);
+  scan();
+  for (std::thread& t : scanners) t.join();
+
+  for (size_t i = 0; i < files.size(); ++i) {
+    const InputFile& f = files[i];
+    const std::vector<Run>& runs = runsOf[i];
+    std::string problems = statsOf[i].describe();
     if (runs.empty() && f.size > 0) {
       report.messages.push_back(f.path + ": not an offline log (no line with a time stamp); skipped");
       continue;
