@@ -15,7 +15,7 @@ std::vector<std::string> ParsedArgs::values(const std::string& name) const {
   return out;
 }
 
-ParsedArgs parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& specs) {
+ParsedArgs parseArgs(const std::vector<std::string>& args, const std::vector<OptionInfo>& options) {
   ParsedArgs out;
   bool optionsEnded = false;
   for (size_t i = 0; i < args.size(); ++i) {
@@ -34,14 +34,14 @@ ParsedArgs parseArgs(const std::vector<std::string>& args, const std::vector<Opt
     }
     const size_t eq = a.find('=');
     const std::string name = a.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
-    const OptionSpec* spec = nullptr;
-    for (const OptionSpec& s : specs)
-      if (name == s.name) spec = &s;
-    if (spec == nullptr) {
+    const OptionInfo* known = nullptr;
+    for (const OptionInfo& s : options)
+      if (name == s.name) known = &s;
+    if (known == nullptr) {
       out.error = "unknown option --" + name;
       return out;
     }
-    if (!spec->takesValue) {
+    if (!known->takesValue) {
       if (eq != std::string::npos) {
         out.error = "--" + name + " takes no value";
         return out;

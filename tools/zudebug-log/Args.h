@@ -8,7 +8,7 @@
 
 namespace zulog {
 
-struct OptionSpec {
+struct OptionInfo {
   const char* name;  // without the dashes
   bool takesValue;
 };
@@ -22,6 +22,6 @@ struct ParsedArgs {
   std::vector<std::string> values(const std::string& name) const;
 };
 
-ParsedArgs parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& specs);
+ParsedArgs parseArgs(const std::vector<std::string>& args, const std::vector<OptionInfo>& options);
 
 }  // namespace zulog
