@@ -5,16 +5,21 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "Crash.h"
+#include "Filter.h"
+#include "Guards.h"
 #include "Input.h"
 #include "LineReader.h"
 #include "LogLine.h"
 #include "Merge.h"
+#include "Output.h"
 
 namespace {
 
@@ -31,6 +36,25 @@ struct Collect : zulog::LineSink {
     return true;
   }
 };
+
+// Every reader of merged lines at once: the text and JSON writers, the crash record
+// and guard timeout finders.
+struct Readers : zulog::LineSink {
+  explicit Readers(zulog::Writer& out) : text(out, true), json(out) {}
+  zulog::TextSink text;
+  zulog::JsonlSink json;
+  zulog::CrashFinder crashes{3};
+  zulog::GuardFinder guards;
+  bool line(const zulog::MergedLine& l) override {
+    text.line(l);
+    json.line(l);
+    crashes.line(l);
+    guards.line(l);
+    return true;
+  }
+};
+
+zulog::Writer* gOut = nullptr;  // to /dev/null, made once: its buffer is large
 
 zulog::InputFile fileOf(const uint8_t* data, size_t size, int order) {
   zulog::InputFile f;
@@ -92,6 +116,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (sink.stamped != stamped || sink.text != textLines) abort();
   for (size_t i = 1; i < sink.keys.size(); ++i)
     if (sink.keys[i] < sink.keys[i - 1]) abort();
+
+  // The same lines through the readers, and a filter that parses every line.
+  if (gOut == nullptr) gOut = new zulog::Writer(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  {
+    zulog::Writer& out = *gOut;
+    Readers readers(out);
+    zulog::Filter filter;
+    filter.addGroup("HAL,ZuAlgoEngine");
+    filter.setSince("00:00");
+    zulog::mergeFiles(files, readers, size % 2 == 0 ? &filter : nullptr);
+    readers.json.finish();
+    for (const zulog::CrashRecord& r : readers.crashes.finish()) {
+      if (r.lines.empty()) abort();
+      for (const std::string& f : r.frameTexts) {
+        zulog::FrameLine frame;
+        zulog::parseFrameLine(f, &frame);
+      }
+    }
+    zulog::printGuardStory(out, readers.guards.timeouts());
+    out.flush();
+  }
   for (zulog::InputFile& f : files) close(f.fd);
   return 0;
 }

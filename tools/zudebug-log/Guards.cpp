@@ -108,7 +108,7 @@ bool GuardFinder::line(const MergedLine& l) {
   t.key = l.key;
   const size_t executed = msg.rfind(", executed ");
   if (executed == std::string_view::npos ||
-      sscanf(msg.data() + executed, ", executed %d ms", &t.executedMs) != 1)
+      sscanf(std::string(msg.substr(executed)).c_str(), ", executed %d ms", &t.executedMs) != 1)
     return true;
   if (startsWith(msg, "TIMEOUT tid=")) {
     // TIMEOUT tid=T MESSAGE, executed N ms. M[MODULE:HEX]

@@ -385,6 +385,7 @@ SnapshotSet readSnapshots(const std::vector<std::string>& paths) {
 }
 
 void printSnapshotTable(Writer& out, const SnapshotSet& set) {
+  if (set.captures.empty()) return;
   // Columns for the stages any capture reached, in stage order.
   std::vector<std::string> columns;
   for (const Capture& c : set.captures)
