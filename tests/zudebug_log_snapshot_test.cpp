@@ -262,4 +262,17 @@ TEST(LogToolSnapshot, DamagedDumpsAreSkippedWithMessages) {
   EXPECT_NE(r.err.find("other.json: not a snapshot dump (no object of sessions)"), npos) << r.err;
   EXPECT_NE(r.err.find("binary.bin: not a snapshot dump"), npos) << r.err;
   EXPECT_NE(r.err.find("missing.json: No such file or directory"), npos) << r.err;
+
+  // Numbers no library writes: not a time, and no endless axis.
+  std::string odd = good;
+  odd.replace(odd.find("\"nodeProcTime\":\"\""), 17, "\"nodeProcTime\":\"MFNR:inf, SR:nan, NR:1e308, \"");
+  odd.replace(odd.find("2request_to_vendor:4"), 20, "2request_to_vendor:9223372036854775807");
+  root.writeFile("odd.txt", odd + "\n");
+  r = zlog(
+      {"snapshot", root.path("odd.txt"), "--html", root.path("odd.html"), "--trace", root.path("odd.json")});
+  EXPECT_EQ(r.exitCode(), 0) << r.err;
+  EXPECT_NE(r.out.find("NR 1e+308 ms"), npos) << r.out;
+  rapidjson::Document t;
+  t.Parse(readFile(root.path("odd.json")).c_str());
+  EXPECT_TRUE(t.IsObject() && t["traceEvents"].IsArray());
 }

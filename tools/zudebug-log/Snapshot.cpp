@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -64,7 +65,8 @@ bool toInt(const std::string& text, int64_t* value) {
 bool toDouble(const std::string& text, double* value) {
   char* end = nullptr;
   const double v = strtod(text.c_str(), &end);
-  if (text.empty() || *end != '\0') return false;
+  // The library prints finite numbers only; "inf" or "nan" is not a time.
+  if (text.empty() || *end != '\0' || !std::isfinite(v)) return false;
   *value = v;
   return true;
 }

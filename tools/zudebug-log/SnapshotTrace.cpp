@@ -17,9 +17,14 @@ namespace zulog {
 
 namespace {
 
+// Microseconds, as JSON can carry them exactly (at most 2^53 - 1).
 std::string us(double ms) {
+  constexpr double kLargest = 9007199254740991.0;
+  double v = ms * 1000.0;
+  if (!(v > -kLargest)) v = -kLargest;  // also NaN
+  if (v > kLargest) v = kLargest;
   char text[32];
-  snprintf(text, sizeof(text), "%.0f", ms * 1000.0);
+  snprintf(text, sizeof(text), "%.0f", v);
   return text;
 }
 
