@@ -1,6 +1,7 @@
 #include "Commands.h"
 
 #include <stdio.h>
+#include <string.h>
 
 namespace zulog {
 
@@ -31,6 +32,13 @@ int reportMerge(const MergeReport& report, const InputProblems& problems) {
   for (const std::string& m : problems.messages) note(m);
   for (const std::string& m : report.messages) note(m);
   return problems.failed ? 1 : 0;
+}
+
+int finishOutput(Writer& out, int status) {
+  out.flush();
+  if (out.error() == 0) return status;
+  note(std::string("cannot write the output: ") + strerror(out.error()));
+  return 1;
 }
 
 }  // namespace zulog

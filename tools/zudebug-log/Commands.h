@@ -7,6 +7,7 @@
 
 #include "Input.h"
 #include "Merge.h"
+#include "Output.h"
 
 namespace zulog {
 
@@ -22,5 +23,7 @@ int usageError(const std::string& message);
 bool collectInputs(const std::vector<std::string>& paths, InputSet& inputs, InputProblems& problems);
 // Says what the merge left out; the exit status for inputs that could not be read.
 int reportMerge(const MergeReport& report, const InputProblems& problems);
+// Flushes the output; `status`, or 1 (after saying why) when it could not be written.
+int finishOutput(Writer& out, int status);
 
 }  // namespace zulog

@@ -290,8 +290,7 @@ int runCrash(const std::vector<std::string>& args) {
     if (i > 0) out.put('\n');
     printCrashRecord(out, records[i], i + 1, records.size(), symbols);
   }
-  out.flush();
-  int status = reportMerge(report, problems);
+  const int status = finishOutput(out, reportMerge(report, problems));
   if (records.empty())
     note("no crash record in the " + std::to_string(inputs.files().size()) + " file(s) read");
   return status;

@@ -208,8 +208,7 @@ int runGuards(const std::vector<std::string>& args) {
   MergeReport report = mergeFiles(inputs.files(), finder, nullptr);
   Writer out(STDOUT_FILENO);
   printGuardStory(out, finder.timeouts());
-  out.flush();
-  return reportMerge(report, problems);
+  return finishOutput(out, reportMerge(report, problems));
 }
 
 }  // namespace zulog

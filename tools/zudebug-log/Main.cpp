@@ -78,13 +78,8 @@ int runMerge(const std::vector<std::string>& args) {
     TextSink sink(out, a.has("full-date"));
     report = mergeFiles(inputs.files(), sink, filter.active() ? &filter : nullptr);
   }
-  out.flush();
-  int status = reportMerge(report, problems);
-  if (out.error() != 0) {
-    note(std::string("cannot write the output: ") + strerror(out.error()));
-    status = 1;
-  }
-  return status;
+  const int status = reportMerge(report, problems);
+  return finishOutput(out, status);
 }
 
 }  // namespace zulog

@@ -486,7 +486,7 @@ int runSnapshot(const std::vector<std::string>& args) {
   for (const std::string& path : a.values("trace")) writeFile(path, snapshotTrace(set));
   Writer out(STDOUT_FILENO);
   printSnapshotTable(out, set);
-  out.flush();
+  status = finishOutput(out, status);
   for (const std::string& m : set.messages) note(m);
   if (set.captures.empty()) note("no capture found");
   return status;
