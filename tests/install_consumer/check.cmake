@@ -1,6 +1,7 @@
 # Installs the built library into a scratch prefix, then configures, builds and runs
 # the consumer project against it.
-#   cmake -DBUILD_DIR=... -DWORK_DIR=... -DSOURCE_DIR=... -DGENERATOR=... -DCXX=... -DFLAGS=... -P check.cmake
+#   cmake -DBUILD_DIR=... -DWORK_DIR=... -DSOURCE_DIR=... -DGENERATOR=... -DCXX=... -DFLAGS=... [-DLOG_TOOL=ON]
+#         -P check.cmake
 file(REMOVE_RECURSE "${WORK_DIR}")
 set(prefix "${WORK_DIR}/prefix")
 function(step)
@@ -10,6 +11,13 @@ function(step)
   endif()
 endfunction()
 step(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
+# The log reading tool and its lnav format, when the tools are built.
+if(LOG_TOOL)
+  step("${prefix}/bin/zudebug-log" --help)
+  if(NOT EXISTS "${prefix}/share/zudebug/zudebug-log.lnav.json")
+    message(FATAL_ERROR "the lnav format is not installed")
+  endif()
+endif()
 step(${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${WORK_DIR}/build" -G "${GENERATOR}" "-DCMAKE_CXX_COMPILER=${CXX}"
      "-DCMAKE_PREFIX_PATH=${prefix}" "-DCMAKE_CXX_FLAGS=${FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${FLAGS}")
 step(${CMAKE_COMMAND} --build "${WORK_DIR}/build")

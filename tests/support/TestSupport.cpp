@@ -1,6 +1,7 @@
 #include "TestSupport.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -188,6 +189,66 @@ ChildResult waitChild(int pid, const TempRoot& root) {
 ChildResult runChild(const std::string& testName, const TempRoot& root,
                      const std::map<std::string, std::string>& env) {
   return runProgram({selfExe(), "--gtest_filter=" + testName}, root, env);
+}
+
+int ProgramOutput::exitCode() const { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+ProgramOutput runCapture(const std::vector<std::string>& argv,
+                         const std::map<std::string, std::string>& env) {
+  ProgramOutput result;
+  int outPipe[2], errPipe[2];
+  if (pipe2(outPipe, O_CLOEXEC) != 0) return result;
+  if (pipe2(errPipe, O_CLOEXEC) != 0) {
+    close(outPipe[0]);
+    close(outPipe[1]);
+    return result;
+  }
+  std::vector<std::string> envStrings;
+  for (char** e = environ; *e != nullptr; ++e) {
+    const char* eq = strchr(*e, '=');
+    if (eq != nullptr && env.count(std::string(*e, static_cast<size_t>(eq - *e))) != 0) continue;
+    envStrings.push_back(*e);
+  }
+  for (const auto& kv : env)
+    if (!kv.second.empty()) envStrings.push_back(kv.first + "=" + kv.second);
+  std::vector<char*> envp, argp;
+  for (auto& s : envStrings) envp.push_back(&s[0]);
+  envp.push_back(nullptr);
+  std::vector<std::string> args = argv;
+  for (auto& s : args) argp.push_back(&s[0]);
+  argp.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(outPipe[1], STDOUT_FILENO);
+    dup2(errPipe[1], STDERR_FILENO);
+    execve(argp[0], argp.data(), envp.data());
+    _exit(127);
+  }
+  close(outPipe[1]);
+  close(errPipe[1]);
+  struct pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+  std::string* sinks[2] = {&result.out, &result.err};
+  int open = 2;
+  char buf[65536];
+  while (open > 0) {
+    if (poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      const ssize_t n = read(fds[i].fd, buf, sizeof(buf));
+      if (n > 0) {
+        sinks[i]->append(buf, static_cast<size_t>(n));
+      } else if (n == 0 || errno != EINTR) {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+        --open;
+      }
+    }
+  }
+  if (pid > 0) waitpid(pid, &result.status, 0);
+  return result;
 }
 
 std::string readFile(const std::string& path) {

@@ -58,6 +58,16 @@ int spawnChild(const std::string& testName, const TempRoot& root,
                const std::map<std::string, std::string>& env = {});
 ChildResult waitChild(int pid, const TempRoot& root);
 
+// A program's stdout and stderr apart, and how it ended. `env` adds or overrides
+// variables of this process's environment (an empty value removes one).
+struct ProgramOutput {
+  int status = -1;
+  std::string out, err;
+  int exitCode() const;
+};
+ProgramOutput runCapture(const std::vector<std::string>& argv,
+                         const std::map<std::string, std::string>& env = {});
+
 bool inChild();
 std::string readFile(const std::string& path);
 std::vector<std::string> readLines(const std::string& path);
