@@ -141,8 +141,7 @@ TEST(CallStack, OtherThreadsOneByOneAndAsAProcess) {
 
 // ---- dump functions: group and debug mask are read at load, so each case is a child ----
 
-TEST(DumpChild, Run) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(DumpChild, Run) {
   alarm(60);
   const int priority = atoi(getenv("ZU_PRIORITY"));
   auto* debug = zudebug::ZuDebugInterface::getInstance(zudebug::ZuOfflineLoggerType::Debug);

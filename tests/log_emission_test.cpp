@@ -45,8 +45,7 @@ ZuDebugInterface* debug() { return ZuDebugInterface::getInstance(ZuOfflineLogger
 
 // Child: logs through both overloads and the macro, stops the logger so the lines
 // reach the file, and checks them byte for byte.
-TEST(LogEmission, LineLayoutChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(LogEmission, LineLayoutChild) {
   ASSERT_EQ(debug()->startOfflineLogger(), 0);
   Log::logSystem(64, "I", "cam.cpp", "open", 42, "value %d %s", 7, "seven");
   Log::logSystem(3, "W", "cam.cpp", "open", -1, "two bits");
@@ -82,8 +81,7 @@ TEST(LogEmission, LineLayout) {
 
 // Child: an info line, a full-form and a short-form error, another info line; the
 // parent checks the files. Without the debug mask or groups no flush thread may exist.
-TEST(LogEmission, ErrorsChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(LogEmission, ErrorsChild) {
   const bool enabled = std::string(getenv("ENABLED")) == "1";
   EXPECT_EQ(debug()->isEnabled(), enabled);
   EXPECT_EQ(ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)->isEnabled(), enabled);

@@ -44,8 +44,7 @@ TEST(Logging, ReleaseBuildDetection) {
 }
 
 // Child: reloads the properties and writes "level mask traceGroups returned".
-TEST(Logging, ReloadChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(Logging, ReloadChild) {
   int ret = Log::updateLogInfo();
   std::ofstream("result.txt") << gZuCamLogLevel << ' ' << gZuCamDebugMask << ' ' << g_traceInfo.traceGroups
                               << ' ' << g_traceInfo.reserved << ' ' << ret;
@@ -75,8 +74,7 @@ TEST(Logging, ReloadFollowsBuildKind) {
 }
 
 // Child: one statement of each kind after a reload; checks its own console lines.
-TEST(Logging, MacroChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(Logging, MacroChild) {
   Log::updateLogInfo();
   std::ofstream out("result.txt");
   int line = __LINE__ + 1;

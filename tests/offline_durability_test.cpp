@@ -154,8 +154,7 @@ void waitForLines(const TempRoot& root, int pid, uint32_t lines, const std::stri
 //   crash   busy, with the crash catcher installed; a fifth thread dies of SIGSEGV
 //           while the others log
 // Waiting children are killed by the parent.
-TEST(OfflineDurability, WriterChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(OfflineDurability, WriterChild) {
   const std::string mode = env("MODE");
   const int base = atoi(env("BASE", "0").c_str());
   const bool fast = mode == "busy" || mode == "forced" || mode == "crash";
@@ -195,8 +194,7 @@ TEST(OfflineDurability, WriterChild) {
   for (;;) pause();
 }
 
-TEST(OfflineDurability, RestartChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(OfflineDurability, RestartChild) {
   ASSERT_EQ(facade()->startOfflineLogger(), 0);
   facade()->stopOfflineLogger();
 }
@@ -428,8 +426,7 @@ TEST(OfflineDurability, DamagedPoolFiles) {
 // ---- the directory ----
 
 // Child: logs LINES numbered lines on one thread and stops.
-TEST(OfflineDurability, LinesChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(OfflineDurability, LinesChild) {
   ASSERT_EQ(facade()->startOfflineLogger(), 0);
   const int lines = atoi(env("LINES", "1000").c_str());
   for (int i = 0; i < lines; ++i) logNumbered(0, i);
@@ -499,8 +496,7 @@ TEST(OfflineDurability, RotationOverTheDirectory) {
 // Child: a forked process logs into private copies of its queues, never into the
 // blocks of its parent, and leaves the parent's pool file alone. The parent then dies
 // with its lines in memory.
-TEST(OfflineDurability, ForkChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(OfflineDurability, ForkChild) {
   ASSERT_EQ(facade()->startOfflineLogger(), 0);
   for (int i = 0; i < 1000; ++i) logNumbered(0, i);
   const pid_t pid = fork();
@@ -532,8 +528,7 @@ TEST(OfflineDurability, Fork) {
 // Child: every block is owned and the address space is capped, so the pool cannot
 // grow: the main thread's lines are dropped and counted. Once a block is free again
 // the count reaches the file, ahead of the next line.
-TEST(OfflineDurability, DroppedLinesChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(OfflineDurability, DroppedLinesChild) {
   ASSERT_EQ(facade()->startOfflineLogger(), 0);
   std::atomic<int> holding{0};
   std::atomic<bool> release{false};

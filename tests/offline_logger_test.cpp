@@ -99,8 +99,7 @@ void runMasked(const std::string& test, const TempRoot& root,
 
 // ---- facade, lifecycle and bounded calls ----
 
-TEST(OfflineLogger, FacadeAndSessionsChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(OfflineLogger, FacadeAndSessionsChild) {
   EXPECT_EQ(threadCount(), 1u) << "loading the library starts nothing";
   ZuDebugInterface* debug = facade();
   EXPECT_TRUE(debug->isEnabled() && ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)->isEnabled());
@@ -204,8 +203,7 @@ TEST(OfflineLogger, StartFailures) {
 // stops; the parent checks the files. MODE "churn": meanwhile 40 short-lived threads
 // log 2000 lines each; "forced": meanwhile another thread forces flushes. START
 // "fails": two start attempts must fail.
-TEST(OfflineLogger, LinesChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(OfflineLogger, LinesChild) {
   const std::string mode = getenv("MODE") ? getenv("MODE") : "plain";
   const int lines = atoi(getenv("LINES")), count = getenv("THREADS") ? atoi(getenv("THREADS")) : 1;
   const bool fails = getenv("START") != nullptr;
@@ -274,8 +272,7 @@ TEST(OfflineLogger, ScanAndRotation) {
 
 // Child: threads that log one line and end hand their queues over; the eighth wakes the
 // flush thread. Then the process exits in the middle of logging.
-TEST(OfflineLogger, ThreadExitHandOverChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(OfflineLogger, ThreadExitHandOverChild) {
   ASSERT_EQ(facade()->startOfflineLogger(), 0);
   for (int t = 0; t < 7; ++t) std::thread([t] { logNumbered(t, 0); }).join();
   // Seven waiting queues: a normal flush leaves them in memory.
@@ -304,8 +301,7 @@ TEST(OfflineLogger, ThreadExitHandOver) { runMasked("ThreadExitHandOverChild", T
 // threads share a block. Every thread holds a block (the pool's 16 are all owned) when
 // a flush is forced; then a newcomer needs a block and every thread goes on writing,
 // with a forced flush after each round.
-TEST(OfflineLogger, ForcedFlushesExactlyOnceChild) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(OfflineLogger, ForcedFlushesExactlyOnceChild) {
   ASSERT_EQ(facade()->startOfflineLogger(), 0);
   constexpr int kThreads = 17, kRounds = 6;
   std::atomic<int> round{0}, done{0};

@@ -39,8 +39,7 @@ void runCase(const std::string& file, const std::string& props, const std::strin
 
 // Child: answers "load" (group mask, debug mask, property priority) and
 // "int|bool|str <mask> <default> [prop]" queries into result.txt.
-TEST(Settings, Child) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(Settings, Child) {
   std::ofstream out("result.txt");
   std::istringstream queries(getenv("ZU_QUERY"));
   ZuPraseSettings* s = ZuPraseSettings::getInstance();

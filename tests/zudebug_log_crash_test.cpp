@@ -67,8 +67,7 @@ __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) void fi
 
 }  // namespace
 
-TEST(LogToolCrashChild, CrashesOnAPipelineThread) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(LogToolCrashChild, CrashesOnAPipelineThread) {
   alarm(60);
   auto* debug = zudebug::ZuDebugInterface::getInstance(zudebug::ZuOfflineLoggerType::Debug);
   ASSERT_EQ(0, debug->startOfflineLogger());
@@ -167,8 +166,7 @@ TEST(LogToolCrash, RecordIsSymbolisedToFunctionsAndLines) {
 
 // A request that outlives its limit (reported), then a function guard that does (the
 // process aborts after its report, as on a device).
-TEST(LogToolGuardChild, RequestAndFunctionTimeouts) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(LogToolGuardChild, RequestAndFunctionTimeouts) {
   alarm(60);
   auto* debug = zudebug::ZuDebugInterface::getInstance(zudebug::ZuOfflineLoggerType::Debug);
   ASSERT_EQ(0, debug->startOfflineLogger());

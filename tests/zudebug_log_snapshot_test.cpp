@@ -55,8 +55,7 @@ size_t inFlight() {
 
 // Captures through the pipeline stages; every one dumped as it leaves, the failed
 // ones also into the JSON file, the one still in flight by the crash path.
-TEST(LogToolSnapshotChild, CapturesAreDumped) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(LogToolSnapshotChild, CapturesAreDumped) {
   SnapDiagnostician* diag = SnapDiagnostician::getInstance();
   diag->init(1, 1, 0, 0, 0);
   for (const Shot& s : kShots) {

@@ -319,8 +319,7 @@ Lines stampedLogs(const std::string& dir) {
 }  // namespace
 
 // Threads log numbered lines through the offline logger until the files rotate.
-TEST(LogToolChild, ThreadsLogThroughTheOfflineLogger) {
-  ZU_CHILD_ONLY();
+ZU_CHILD_TEST(LogToolChild, ThreadsLogThroughTheOfflineLogger) {
   auto* debug = zudebug::ZuDebugInterface::getInstance(zudebug::ZuOfflineLoggerType::Debug);
   ASSERT_EQ(0, debug->startOfflineLogger());
   const std::string pad(140, '.');

@@ -86,6 +86,13 @@ int ChildResult::termSignal() const { return WIFSIGNALED(status) ? WTERMSIG(stat
 
 bool inChild() { return getenv("ZUDEBUG_TEST_CHILD") != nullptr; }
 
+bool registerChildTest(const char* suite, const char* name, const char* file, int line,
+                       ::testing::Test* (*make)()) {
+  if (!inChild()) return false;
+  ::testing::RegisterTest(suite, name, nullptr, nullptr, file, line, make);
+  return true;
+}
+
 namespace {
 
 // Environment of a child: ours, with the host controls pointing into `root`.

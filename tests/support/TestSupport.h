@@ -69,6 +69,10 @@ ProgramOutput runCapture(const std::vector<std::string>& argv,
                          const std::map<std::string, std::string>& env = {});
 
 bool inChild();
+// Registers the test that `make` makes as "suite.name" when this process is a child;
+// see ZU_CHILD_TEST.
+bool registerChildTest(const char* suite, const char* name, const char* file, int line,
+                       ::testing::Test* (*make)());
 std::string readFile(const std::string& path);
 std::vector<std::string> readLines(const std::string& path);
 std::vector<std::string> listDir(const std::string& dir);
@@ -78,6 +82,14 @@ size_t countSubstr(const std::string& text, const std::string& needle);
 
 }  // namespace zutest
 
-// Body of a test that only makes sense in a child started by runChild.
-#define ZU_CHILD_ONLY() \
-  if (!::zutest::inChild()) GTEST_SKIP() << "runs in a child process"
+// A test that runs only in a child process that runChild("Suite.Name", ...) starts:
+// the child's scenario, written once. In the test program itself it is not registered
+// at all, so it neither runs nor shows as skipped.
+#define ZU_CHILD_TEST(suite, name)                                                                           \
+  class ZuChild_##suite##_##name : public ::testing::Test {                                                  \
+   public:                                                                                                   \
+    void TestBody() override;                                                                                \
+  };                                                                                                         \
+  [[maybe_unused]] static const bool zuChildRegistered_##suite##_##name = ::zutest::registerChildTest(       \
+      #suite, #name, __FILE__, __LINE__, []() -> ::testing::Test* { return new ZuChild_##suite##_##name; }); \
+  void ZuChild_##suite##_##name::TestBody()
