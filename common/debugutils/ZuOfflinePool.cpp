@@ -450,12 +450,14 @@ class DeadPool {
 };
 
 // A ".tmp" pool that nobody holds is a creation the process did not live to finish.
+// Only an old one is even locked: a lock taken on a fresh one, however briefly, would
+// make its creator's own lock fail and send its queues to process memory.
 void removeAbandonedTmp(const std::string& path) {
+  struct stat st;
+  if (!devfs::statFile(path.c_str(), &st) || time(nullptr) - st.st_mtime <= 60) return;
   int fd = devfs::openFd(path.c_str(), O_RDWR);
   if (fd < 0) return;
-  struct stat st;
-  if (lockWhole(fd) && fstat(fd, &st) == 0 && time(nullptr) - st.st_mtime > 60)
-    devfs::removeFile(path.c_str());
+  if (lockWhole(fd)) devfs::removeFile(path.c_str());
   ::close(fd);
 }
 
