@@ -11,11 +11,11 @@
 #include <initializer_list>
 #include <string>
 
+#include "HostFiles.h"
+
 namespace benchroot {
 
-inline int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-
-inline void removeTree(const std::string& dir) { nftw(dir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS); }
+using hostfiles::removeTree;
 
 // Makes "<parent>/<prefix>-XXXXXX" with the offline log directory and `extraDirs`
 // (device paths) in it; empty on failure.

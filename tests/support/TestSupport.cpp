@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include "HostFiles.h"
+
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -20,34 +22,9 @@ namespace zutest {
 
 namespace {
 
-void mkdirs(const std::string& path) {
-  std::string cur;
-  std::stringstream ss(path);
-  std::string part;
-  if (!path.empty() && path[0] == '/') cur = "/";
-  while (std::getline(ss, part, '/')) {
-    if (part.empty()) continue;
-    cur += part + "/";
-    mkdir(cur.c_str(), 0755);
-  }
-}
+using hostfiles::removeTree;
 
-void removeTree(const std::string& path) {
-  DIR* d = opendir(path.c_str());
-  if (d != nullptr) {
-    while (dirent* e = readdir(d)) {
-      if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
-      std::string p = path + "/" + e->d_name;
-      struct stat st;
-      if (lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-        removeTree(p);
-      else
-        unlink(p.c_str());
-    }
-    closedir(d);
-  }
-  rmdir(path.c_str());
-}
+void mkdirs(const std::string& path) { hostfiles::makeDirs(path); }
 
 }  // namespace
 

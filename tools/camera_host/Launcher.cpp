@@ -25,33 +25,15 @@
 #include <vector>
 
 #include "FileNames.h"
+#include "HostFiles.h"
 
 namespace {
 
 const char* kMarker = ".zudebug-camera-root";
 
-void mkdirs(const std::string& path) {
-  for (size_t pos = 1; pos != std::string::npos;) {
-    pos = path.find('/', pos + 1);
-    mkdir(path.substr(0, pos).c_str(), 0755);
-  }
-}
+using hostfiles::removeTree;
 
-void removeTree(const std::string& path) {
-  if (DIR* d = opendir(path.c_str())) {
-    while (dirent* e = readdir(d)) {
-      if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
-      std::string p = path + "/" + e->d_name;
-      struct stat st;
-      if (lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-        removeTree(p);
-      else
-        unlink(p.c_str());
-    }
-    closedir(d);
-  }
-  rmdir(path.c_str());
-}
+void mkdirs(const std::string& path) { hostfiles::makeDirs(path); }
 
 void writeFile(const std::string& path, const std::string& text) {
   mkdirs(path.substr(0, path.rfind('/')));
