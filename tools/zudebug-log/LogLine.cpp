@@ -1,5 +1,7 @@
 #include "LogLine.h"
 
+#include "Utf8.h"
+
 #include <string.h>
 
 namespace zulog {
@@ -133,30 +135,9 @@ bool isTextLine(std::string_view text) {
       ++p;
       continue;
     }
-    // UTF-8: lead byte, then continuation bytes; no overlong forms, no surrogates.
-    size_t n;
-    uint32_t cp;
-    if (c >= 0xc2 && c <= 0xdf) {
-      n = 1;
-      cp = c & 0x1f;
-    } else if (c >= 0xe0 && c <= 0xef) {
-      n = 2;
-      cp = c & 0x0f;
-    } else if (c >= 0xf0 && c <= 0xf4) {
-      n = 3;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (static_cast<size_t>(end - p) <= n) return false;
-    for (size_t i = 1; i <= n; ++i) {
-      if ((p[i] & 0xc0) != 0x80) return false;
-      cp = (cp << 6) | (p[i] & 0x3f);
-    }
-    if ((n == 2 && (cp < 0x800 || (cp >= 0xd800 && cp <= 0xdfff))) ||
-        (n == 3 && (cp < 0x10000 || cp > 0x10ffff)))
-      return false;
-    p += n + 1;
+    const size_t n = utf8Length(p, end);
+    if (n == 0) return false;
+    p += n;
   }
   return true;
 }
