@@ -160,7 +160,8 @@ TEST(FormatTest, TheRestAsTheCLibraryDoesIt) {
       ROW(nullptr, opaque("%5.3l"), 5L),
       ROW(nullptr, opaque("%5% and %y and %#d and %05s and %+p"), 5, "s", &kArena),
       ROW(nullptr, opaque("%'d %qd %Zd %I"), 1234567, 1LL, static_cast<size_t>(2)),
-      ROW(nullptr, opaque("%1000000d"), 1),  // a field too wide to do by hand
+      ROW(nullptr, opaque("%1000000d"), 1),  // fields too wide to do by hand
+      ROW(nullptr, "%*d|%-*.*d|", 1000000, 1, 999999, 1000000, 2),
   };
   for (const Row& row : rows) expectSame(row);
 }
