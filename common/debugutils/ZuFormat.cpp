@@ -32,6 +32,7 @@ struct Out {
     pos += n;
   }
   void fill(char c, size_t n) {
+    if (n == 0) return;  // most fields have no padding
     if (pos < cap) {
       size_t room = cap - pos;
       memset(buf + pos, c, n < room ? n : room);
@@ -66,6 +67,30 @@ void putField(Out& out, const Spec& spec, const char* s, size_t n) {
 }
 
 const char kLowerDigits[] = "0123456789abcdef";
+const char kDecimalPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+// Decimal digits of v written backwards ending at end, two at a time.
+template <typename U>
+char* decimal(U v, char* end) {
+  char* d = end;
+  while (v >= 100) {
+    const char* pair = kDecimalPairs + 2 * (v % 100);
+    v /= 100;
+    *--d = pair[1];
+    *--d = pair[0];
+  }
+  if (v >= 10) {
+    const char* pair = kDecimalPairs + 2 * v;
+    *--d = pair[1];
+    *--d = pair[0];
+  } else {
+    *--d = static_cast<char>('0' + v);
+  }
+  return d;
+}
 const char kUpperDigits[] = "0123456789ABCDEF";
 
 // Digits of v in the base of the conversion, written backwards ending at end.
@@ -90,19 +115,8 @@ char* digits(unsigned long long v, char conv, char* end) {
         v >>= 3;
       } while (v != 0);
       break;
-    default:
-      if (v <= UINT_MAX) {  // 32-bit division is the cheaper one
-        unsigned int u = static_cast<unsigned int>(v);
-        do {
-          *--d = static_cast<char>('0' + u % 10);
-          u /= 10;
-        } while (u != 0);
-      } else {
-        do {
-          *--d = static_cast<char>('0' + v % 10);
-          v /= 10;
-        } while (v != 0);
-      }
+    default:  // 32-bit division is the cheaper one
+      d = v <= UINT_MAX ? decimal(static_cast<unsigned int>(v), end) : decimal(v, end);
       break;
   }
   return d;
@@ -212,10 +226,40 @@ bool formatAll(Out& out, const char* p, Args& args) {
     if (pct != p) out.put(p, static_cast<size_t>(pct - p));
     if (*pct == '\0') return true;
     p = pct + 1;
-    if (*p == '%') {
-      out.putChar('%');
-      ++p;
-      continue;
+    // The plain conversions most messages use, without flags, field or modifier.
+    switch (*p) {
+      case '%':
+        out.putChar('%');
+        ++p;
+        continue;
+      case 'd':
+      case 'i': {
+        int v = va_arg(args.ap, int);
+        char tmp[16];
+        char* end = tmp + sizeof(tmp);
+        char* d = decimal(v < 0 ? 0u - static_cast<unsigned int>(v) : static_cast<unsigned int>(v), end);
+        if (v < 0) *--d = '-';
+        out.put(d, static_cast<size_t>(end - d));
+        ++p;
+        continue;
+      }
+      case 'u': {
+        char tmp[16];
+        char* end = tmp + sizeof(tmp);
+        char* d = decimal(va_arg(args.ap, unsigned int), end);
+        out.put(d, static_cast<size_t>(end - d));
+        ++p;
+        continue;
+      }
+      case 's': {
+        const char* str = va_arg(args.ap, const char*);
+        if (str == nullptr) str = "(null)";
+        out.put(str, strlen(str));
+        ++p;
+        continue;
+      }
+      default:
+        break;
     }
 
     Spec spec;
