@@ -1,13 +1,14 @@
 // The message formatter against the C library's vsnprintf: a random valid format and
 // random arguments, formatted by both at random buffer sizes, must give the same
-// return value and the same bytes (the terminating NUL, truncation, and nothing
-// written past the bound).
+// return value and, where the C library succeeds, the same bytes (the terminating
+// NUL, truncation, and nothing written past the bound).
 //
 // Formats stay valid C: every conversion gets an argument of its exact type. The
 // arguments come in one of a few fixed orders of types; each conversion takes the
 // next argument and is drawn among the conversions, modifiers and flags valid for its
-// type ('*' takes an int argument when the next one is an int). Floating point and
-// wide conversions are included, so the hand-over to vsnprintf is exercised too.
+// type, and an int argument may instead be the '*' width or precision of the
+// conversion after it. Floating point and wide conversions are included, so the
+// hand-over to vsnprintf is exercised too.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <stddef.h>
 #include <stdint.h>
