@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "ZuDebugDiag.h"
+#include "ZuFormat.h"
 #include "ZuThreadIds.h"
 
 namespace zudebug {
@@ -127,7 +128,8 @@ size_t finishLine(char* buf, size_t used, const char* fmt, va_list ap) {
   long r = 0;
   if (fmt != nullptr) {
     size_t room = used < kLineSize ? kLineSize - used : 0;
-    r = vsnprintf(room > 0 ? buf + used : nullptr, room, fmt, ap);
+    // The common conversions by hand, byte for byte what vsnprintf writes.
+    r = fmt::zuVFormat(room > 0 ? buf + used : nullptr, room, fmt, ap);
     if (r < 0) r = 0;
   }
   size_t n = used + static_cast<size_t>(r);
