@@ -324,7 +324,10 @@ class CollectionBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>,
   bool Uint(unsigned u) { return add(Value(u)); }
   bool Int64(int64_t i) { return add(Value(i)); }
   bool Uint64(uint64_t u) { return add(Value(u)); }
-  bool Double(double d) { return add(Value(d)); }
+  // A number too large for a double yet not refused by the reader (many digits before
+  // a moderate exponent) arrives as infinity, which no JSON can hold: the parse stops
+  // there and what came before is kept, as for a number the reader refuses.
+  bool Double(double d) { return std::isfinite(d) && add(Value(d)); }
   bool String(const char* s, SizeType n, bool) { return add(jsonString(std::string(s, n), mAlloc)); }
   bool StartObject() { return open(rapidjson::kObjectType); }
   bool Key(const char* s, SizeType n, bool) {
