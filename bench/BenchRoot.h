@@ -30,9 +30,9 @@ inline std::string makeRoot(const std::string& parent, const char* prefix,
 }
 
 // Writes the properties (offline logging on, plus `extraProps` lines), points the host
-// controls at `root`, runs this program again there and removes the root afterwards.
-// The child finds the root in ZUDEBUG_BENCH_ROOT. Returns the child's exit status.
-inline int runAgainIn(const std::string& root, char** argv, const std::string& extraProps = "") {
+// controls at `root` and runs this program again there; the child finds the root in
+// ZUDEBUG_BENCH_ROOT. Returns the child's exit status; the root stays.
+inline int runChildIn(const std::string& root, char** argv, const std::string& extraProps = "") {
   FILE* props = fopen((root + "/props.txt").c_str(), "w");
   if (props == nullptr) return 1;
   fputs("persist.vendor.camera.offlinedebug.mask=1\n", props);
@@ -52,8 +52,14 @@ inline int runAgainIn(const std::string& root, char** argv, const std::string& e
   }
   int status = 0;
   waitpid(pid, &status, 0);
-  removeTree(root);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+// The same, removing the root afterwards.
+inline int runAgainIn(const std::string& root, char** argv, const std::string& extraProps = "") {
+  const int status = runChildIn(root, argv, extraProps);
+  removeTree(root);
+  return status;
 }
 
 }  // namespace benchroot

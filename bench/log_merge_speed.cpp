@@ -167,25 +167,7 @@ int main(int argc, char** argv) {
   const std::string work = parent + "/merge-bench-files";
   benchroot::removeTree(work);
   mkdir(work.c_str(), 0755);
-  fflush(stdout);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    FILE* props = fopen((root + "/props.txt").c_str(), "w");
-    if (props == nullptr) _exit(1);
-    fputs("persist.vendor.camera.offlinedebug.mask=1\n", props);
-    fclose(props);
-    setenv("ZUDEBUG_ROOT", root.c_str(), 1);
-    setenv("ZUDEBUG_PROPS", (root + "/props.txt").c_str(), 1);
-    setenv("ZUDEBUG_LOGCAT", "/dev/null", 1);
-    setenv("ZUDEBUG_FREE_MB", "100000", 1);
-    setenv("ZUDEBUG_BENCH_ROOT", root.c_str(), 1);
-    if (chdir(root.c_str()) != 0) _exit(126);
-    execv("/proc/self/exe", argv);
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+  if (benchroot::runChildIn(root, argv) != 0) {
     fprintf(stderr, "writing the log files failed\n");
     benchroot::removeTree(root);
     return 1;

@@ -20,16 +20,6 @@ using devfs::ReadStatus;
 
 namespace {
 
-// In the parent: runs the current test in a child with a fresh device root, true.
-bool ranInChild() {
-  if (zutest::inChild()) return false;
-  zutest::TempRoot root;
-  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  auto res = zutest::runChild(std::string(info->test_suite_name()) + "." + info->name(), root);
-  EXPECT_TRUE(res.exited() && res.exitCode() == 0) << res.output;
-  return true;
-}
-
 // `rel` below the device root.
 void put(const std::string& rel, const std::string& content) {
   std::ofstream(rel, std::ios::binary | std::ios::trunc) << content;
@@ -56,7 +46,7 @@ const char* statusName(ReadStatus s) {
 // directory reads as empty, and a file that yields more than it reports is stopped
 // one byte past the limit.
 TEST(DeviceFiles, WholeFileReads) {
-  if (ranInChild()) return;
+  if (zutest::ranInChild()) return;
   const std::string big(200000, 'x');  // several read chunks
   put("data/vendor/camera/empty", "");
   put("data/vendor/camera/four", "abcd");
@@ -113,7 +103,7 @@ TEST(DeviceFiles, WholeFileReads) {
 // umask, those already there keep theirs; listings are sorted names or a clear
 // failure; removal of a file that is gone says so (another process rotated it away).
 TEST(DeviceFiles, DirectoriesListingsAndRemoval) {
-  if (ranInChild()) return;
+  if (zutest::ranInChild()) return;
   umask(022);
   ASSERT_EQ(chmod("data/vendor/camera", 0750), 0);
   ASSERT_TRUE(devfs::makeDirs("/data/vendor/camera/dumps/today", 0777));

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "GuardMonitor.h"
+#include "LogTool.h"
 #include "TestSupport.h"
 #include "ZuDebugOfflineLogger.h"
 #include "ZuDebugUtils.h"
@@ -23,12 +24,6 @@ using namespace zutest;
 static constexpr size_t npos = std::string::npos;
 
 namespace {
-
-ProgramOutput zlog(const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {ZUDEBUG_LOG_TOOL};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return runCapture(argv);
-}
 
 // The line of this file that holds `marker`.
 int lineOf(const std::string& marker) {

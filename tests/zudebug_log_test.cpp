@@ -16,6 +16,7 @@
 
 #include "FileStamp.h"
 #include "LogLine.h"
+#include "LogTool.h"
 #include "TestSupport.h"
 #include "ZuDebugUtils.h"
 
@@ -24,12 +25,6 @@ using namespace zutest;
 namespace {
 
 using Lines = std::vector<std::string>;
-
-ProgramOutput zlog(const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {ZUDEBUG_LOG_TOOL};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return runCapture(argv);
-}
 
 Lines splitLines(const std::string& text) {
   Lines out;

@@ -47,7 +47,8 @@ struct Out {
 
 enum Length { kInt, kChar, kShort, kLong, kLongLong, kIntMax, kSize, kPtrDiff };
 
-struct Spec {
+// One conversion directive: flags, width, precision and length modifier.
+struct Directive {
   bool left = false;
   bool zero = false;
   bool plus = false;
@@ -59,11 +60,11 @@ struct Spec {
 };
 
 // Text padded with spaces to the field width.
-void putField(Out& out, const Spec& spec, const char* s, size_t n) {
-  size_t pad = spec.width > n ? spec.width - n : 0;
-  if (!spec.left) out.fill(' ', pad);
+void putField(Out& out, const Directive& dv, const char* s, size_t n) {
+  size_t pad = dv.width > n ? dv.width - n : 0;
+  if (!dv.left) out.fill(' ', pad);
   out.put(s, n);
-  if (spec.left) out.fill(' ', pad);
+  if (dv.left) out.fill(' ', pad);
 }
 
 const char kLowerDigits[] = "0123456789abcdef";
@@ -123,10 +124,10 @@ char* digits(unsigned long long v, char conv, char* end) {
 }
 
 // [spaces][sign or 0x][zeros][digits][spaces], as the C library lays out integers.
-void putInteger(Out& out, const Spec& spec, unsigned long long mag, bool negative, char conv) {
+void putInteger(Out& out, const Directive& dv, unsigned long long mag, bool negative, char conv) {
   char tmp[24];
   char* end = tmp + sizeof(tmp);
-  char* d = mag == 0 && spec.prec == 0 ? end : digits(mag, conv, end);
+  char* d = mag == 0 && dv.prec == 0 ? end : digits(mag, conv, end);
   size_t ndigits = static_cast<size_t>(end - d);
 
   char prefix[2];
@@ -134,31 +135,31 @@ void putInteger(Out& out, const Spec& spec, unsigned long long mag, bool negativ
   if (conv == 'd' || conv == 'i') {
     if (negative) {
       prefix[nprefix++] = '-';
-    } else if (spec.plus) {
+    } else if (dv.plus) {
       prefix[nprefix++] = '+';
-    } else if (spec.space) {
+    } else if (dv.space) {
       prefix[nprefix++] = ' ';
     }
-  } else if (spec.alt && mag != 0 && (conv == 'x' || conv == 'X')) {
+  } else if (dv.alt && mag != 0 && (conv == 'x' || conv == 'X')) {
     prefix[nprefix++] = '0';
     prefix[nprefix++] = conv;
   }
 
-  size_t prec = spec.prec > 0 ? static_cast<size_t>(spec.prec) : 0;
+  size_t prec = dv.prec > 0 ? static_cast<size_t>(dv.prec) : 0;
   size_t zeros = prec > ndigits ? prec - ndigits : 0;
   // '#' with o: the first digit is a zero, by a longer precision if need be.
-  if (spec.alt && conv == 'o' && zeros == 0 && (ndigits == 0 || *d != '0')) zeros = 1;
+  if (dv.alt && conv == 'o' && zeros == 0 && (ndigits == 0 || *d != '0')) zeros = 1;
   // '0' pads with zeros behind the sign, unless a precision is given or '-' is.
-  if (spec.zero && !spec.left && spec.prec < 0 && spec.width > nprefix + ndigits + zeros) {
-    zeros = spec.width - nprefix - ndigits;
+  if (dv.zero && !dv.left && dv.prec < 0 && dv.width > nprefix + ndigits + zeros) {
+    zeros = dv.width - nprefix - ndigits;
   }
   size_t len = nprefix + zeros + ndigits;
-  size_t pad = spec.width > len ? spec.width - len : 0;
-  if (!spec.left) out.fill(' ', pad);
+  size_t pad = dv.width > len ? dv.width - len : 0;
+  if (!dv.left) out.fill(' ', pad);
   out.put(prefix, nprefix);
   out.fill('0', zeros);
   out.put(d, ndigits);
-  if (spec.left) out.fill(' ', pad);
+  if (dv.left) out.fill(' ', pad);
 }
 
 long long signedArg(Args& args, Length length) {
@@ -262,18 +263,18 @@ bool formatAll(Out& out, const char* p, Args& args) {
         break;
     }
 
-    Spec spec;
+    Directive dv;
     for (;; ++p) {
       if (*p == '-') {
-        spec.left = true;
+        dv.left = true;
       } else if (*p == '0') {
-        spec.zero = true;
+        dv.zero = true;
       } else if (*p == '+') {
-        spec.plus = true;
+        dv.plus = true;
       } else if (*p == ' ') {
-        spec.space = true;
+        dv.space = true;
       } else if (*p == '#') {
-        spec.alt = true;
+        dv.alt = true;
       } else {
         break;
       }
@@ -284,15 +285,15 @@ bool formatAll(Out& out, const char* p, Args& args) {
       int w = va_arg(args.ap, int);
       if (w < 0) {
         if (w == INT_MIN) return false;
-        spec.left = true;
+        dv.left = true;
         w = -w;
       }
       if (w >= kMaxField) return false;
-      spec.width = static_cast<size_t>(w);
+      dv.width = static_cast<size_t>(w);
     } else if (isDigit(*p)) {
       int w;
       if (!readNumber(p, w) || *p == '$') return false;  // '$': a positional argument
-      spec.width = static_cast<size_t>(w);
+      dv.width = static_cast<size_t>(w);
     }
 
     if (*p == '.') {
@@ -301,8 +302,8 @@ bool formatAll(Out& out, const char* p, Args& args) {
         ++p;
         int v = va_arg(args.ap, int);
         if (v >= kMaxField) return false;
-        spec.prec = v < 0 ? -1 : v;
-      } else if (!readNumber(p, spec.prec)) {
+        dv.prec = v < 0 ? -1 : v;
+      } else if (!readNumber(p, dv.prec)) {
         return false;
       }
     }
@@ -310,32 +311,32 @@ bool formatAll(Out& out, const char* p, Args& args) {
     switch (*p) {
       case 'h':
         if (p[1] == 'h') {
-          spec.length = kChar;
+          dv.length = kChar;
           ++p;
         } else {
-          spec.length = kShort;
+          dv.length = kShort;
         }
         ++p;
         break;
       case 'l':
         if (p[1] == 'l') {
-          spec.length = kLongLong;
+          dv.length = kLongLong;
           ++p;
         } else {
-          spec.length = kLong;
+          dv.length = kLong;
         }
         ++p;
         break;
       case 'j':
-        spec.length = kIntMax;
+        dv.length = kIntMax;
         ++p;
         break;
       case 'z':
-        spec.length = kSize;
+        dv.length = kSize;
         ++p;
         break;
       case 't':
-        spec.length = kPtrDiff;
+        dv.length = kPtrDiff;
         ++p;
         break;
       default:
@@ -346,58 +347,58 @@ bool formatAll(Out& out, const char* p, Args& args) {
     switch (conv) {
       case 'd':
       case 'i': {
-        if (spec.alt) return false;
-        long long v = signedArg(args, spec.length);
+        if (dv.alt) return false;
+        long long v = signedArg(args, dv.length);
         bool negative = v < 0;
         unsigned long long mag = negative ? 0ull - static_cast<unsigned long long>(v) : v;
-        putInteger(out, spec, mag, negative, conv);
+        putInteger(out, dv, mag, negative, conv);
         break;
       }
       case 'u':
-        if (spec.alt) return false;
-        putInteger(out, spec, unsignedArg(args, spec.length), false, conv);
+        if (dv.alt) return false;
+        putInteger(out, dv, unsignedArg(args, dv.length), false, conv);
         break;
       case 'o':
       case 'x':
       case 'X':
-        putInteger(out, spec, unsignedArg(args, spec.length), false, conv);
+        putInteger(out, dv, unsignedArg(args, dv.length), false, conv);
         break;
       case 's': {
-        if (spec.length != kInt || spec.zero || spec.plus || spec.space || spec.alt) return false;
+        if (dv.length != kInt || dv.zero || dv.plus || dv.space || dv.alt) return false;
         const char* s = va_arg(args.ap, const char*);
         size_t n;
         if (s == nullptr) {
           // The C library's "(null)", or nothing when the precision cuts it.
-          n = spec.prec < 0 || spec.prec >= 6 ? 6 : 0;
+          n = dv.prec < 0 || dv.prec >= 6 ? 6 : 0;
           s = "(null)";
         } else {
-          n = spec.prec < 0 ? strlen(s) : strnlen(s, static_cast<size_t>(spec.prec));
+          n = dv.prec < 0 ? strlen(s) : strnlen(s, static_cast<size_t>(dv.prec));
         }
-        putField(out, spec, s, n);
+        putField(out, dv, s, n);
         break;
       }
       case 'c': {
-        if (spec.length != kInt || spec.prec >= 0 || spec.zero || spec.plus || spec.space || spec.alt) {
+        if (dv.length != kInt || dv.prec >= 0 || dv.zero || dv.plus || dv.space || dv.alt) {
           return false;
         }
         char c = static_cast<char>(va_arg(args.ap, int));
-        putField(out, spec, &c, 1);
+        putField(out, dv, &c, 1);
         break;
       }
       case 'p': {
-        if (spec.length != kInt || spec.prec >= 0 || spec.zero || spec.plus || spec.space || spec.alt) {
+        if (dv.length != kInt || dv.prec >= 0 || dv.zero || dv.plus || dv.space || dv.alt) {
           return false;
         }
         const void* ptr = va_arg(args.ap, const void*);
         if (ptr == nullptr) {
-          putField(out, spec, "(nil)", 5);
+          putField(out, dv, "(nil)", 5);
         } else {
           char tmp[24];
           char* end = tmp + sizeof(tmp);
           char* d = digits(reinterpret_cast<uintptr_t>(ptr), 'x', end);
           *--d = 'x';
           *--d = '0';
-          putField(out, spec, d, static_cast<size_t>(end - d));
+          putField(out, dv, d, static_cast<size_t>(end - d));
         }
         break;
       }

@@ -63,6 +63,15 @@ int ChildResult::termSignal() const { return WIFSIGNALED(status) ? WTERMSIG(stat
 
 bool inChild() { return getenv("ZUDEBUG_TEST_CHILD") != nullptr; }
 
+bool ranInChild() {
+  if (inChild()) return false;
+  TempRoot root;
+  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  ChildResult res = runChild(std::string(info->test_suite_name()) + "." + info->name(), root);
+  EXPECT_TRUE(res.exited() && res.exitCode() == 0) << res.output;
+  return true;
+}
+
 bool registerChildTest(const char* suite, const char* name, const char* file, int line,
                        ::testing::Test* (*make)()) {
   if (!inChild()) return false;

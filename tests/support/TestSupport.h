@@ -69,6 +69,10 @@ ProgramOutput runCapture(const std::vector<std::string>& argv,
                          const std::map<std::string, std::string>& env = {});
 
 bool inChild();
+// For a test that runs whole in a child: in the test program, runs the current test
+// again in a child with a fresh device root, expects it to pass and returns true; in
+// the child returns false, and the test goes on.
+bool ranInChild();
 // Registers the test that `make` makes as "suite.name" when this process is a child;
 // see ZU_CHILD_TEST.
 bool registerChildTest(const char* suite, const char* name, const char* file, int line,
