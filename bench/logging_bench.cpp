@@ -142,10 +142,17 @@ __attribute__((noinline, format(printf, 2, 3))) void floorLine(FloorThread& t, c
   t.offset += n;
 }
 
-void BM_Floor(benchmark::State& state) {
+// The floor's thread, its ids formatted once.
+FloorThread& floorThread() {
   static thread_local FloorThread t;
-  t.idsLen = static_cast<size_t>(snprintf(t.ids, sizeof(t.ids), "  %4d  %4d ", static_cast<int>(getpid()),
-                                          static_cast<int>(syscall(SYS_gettid))));
+  if (t.idsLen == 0)
+    t.idsLen = static_cast<size_t>(snprintf(t.ids, sizeof(t.ids), "  %4d  %4d ", static_cast<int>(getpid()),
+                                            static_cast<int>(syscall(SYS_gettid))));
+  return t;
+}
+
+void BM_Floor(benchmark::State& state) {
+  FloorThread& t = floorThread();
   int frame = 0;
   const size_t before = tAllocations;
   for (auto _ : state) {
@@ -216,11 +223,13 @@ BENCHMARK(BM_GlogFile)->Threads(1)->Threads(2)->UseRealTime();
 
 void BM_PoolLockShared(benchmark::State& state) {
   static ZuPoolLock lock;
+  const unsigned stripe = ZuPoolLock::claimStripe();
   for (auto _ : state) {
-    lock.lockShared();
+    lock.lockShared(stripe);
     benchmark::ClobberMemory();
-    lock.unlockShared();
+    lock.unlockShared(stripe);
   }
+  ZuPoolLock::releaseStripe(stripe);
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_PoolLockShared)->Threads(1)->Threads(2)->UseRealTime();
@@ -288,16 +297,50 @@ void BM_SequentialWrite(benchmark::State& state) {
 }
 BENCHMARK(BM_SequentialWrite)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-int runInRoot(char** argv) {
+// "--pool=anon": the queue directory lies below a plain file, so the logger keeps its
+// blocks in process memory instead of the mapped queue file (append path both ways).
+bool wantAnonymousPool(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i)
+    if (strcmp(argv[i], "--pool=anon") == 0) return true;
+  return false;
+}
+
+int runInRoot(int argc, char** argv) {
   const std::string root = benchroot::makeRoot("/tmp", "zudebug-bench", {"/peers"});
-  return root.empty() ? 1 : benchroot::runAgainIn(root, argv);
+  if (root.empty()) return 1;
+  std::string props;
+  if (wantAnonymousPool(argc, argv)) {
+    FILE* blocker = fopen((root + "/poolblocker").c_str(), "w");
+    if (blocker != nullptr) fclose(blocker);
+    props = "persist.vendor.camera.offlinelog.pooldir=/poolblocker/pool\n";
+  }
+  return benchroot::runAgainIn(root, argv, props);
+}
+
+// "--loop lib|floor N": N lines and nothing else, for an instruction count under
+// callgrind (valgrind --tool=callgrind logging_bench --loop lib 100000).
+int loopLines(const char* which, long count) {
+  if (strcmp(which, "lib") == 0) {
+    for (long i = 0; i < count; ++i)
+      Log::logSystem(64, "I", "bench.cpp", "frame", 42, BENCH_FORMAT, kStage, static_cast<int>(i),
+                     800 + static_cast<int>(i % 300));
+    return 0;
+  }
+  if (strcmp(which, "floor") == 0) {
+    FloorThread& t = floorThread();
+    for (long i = 0; i < count; ++i)
+      floorLine(t, BENCH_FORMAT, kStage, static_cast<int>(i), 800 + static_cast<int>(i % 300));
+    return 0;
+  }
+  fprintf(stderr, "--loop lib|floor N\n");
+  return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const char* root = getenv("ZUDEBUG_BENCH_ROOT");
-  if (root == nullptr) return runInRoot(argv);
+  if (root == nullptr) return runInRoot(argc, argv);
   gRoot = root;
 #ifdef ZUDEBUG_HAVE_GLOG
   FLAGS_log_dir = gRoot + "/peers";
@@ -310,10 +353,21 @@ int main(int argc, char** argv) {
     fprintf(stderr, "offline logging did not start (debug mask %u)\n", gZuCamDebugMask);
     return 1;
   }
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
+  int status = -1;
+  if (argc == 4 && strcmp(argv[1], "--loop") == 0) {
+    status = loopLines(argv[2], atol(argv[3]));
+  } else {
+    // Google Benchmark refuses flags it does not know.
+    int kept = 1;
+    for (int i = 1; i < argc; ++i)
+      if (strcmp(argv[i], "--pool=anon") != 0) argv[kept++] = argv[i];
+    argc = kept;
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    status = 0;
+  }
   ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)->stopOfflineLogger();
   ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)->stopOfflineLogger();
-  return 0;
+  return status;
 }

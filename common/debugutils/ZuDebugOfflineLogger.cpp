@@ -53,15 +53,28 @@ void onForkChild() {
 }
 const int sAtForkRegistered = pthread_atfork(nullptr, nullptr, onForkChild);
 
-thread_local threadLocalInfo sThreadLocalInfo[2] = {};
-
-// The thread-exit half: touched when a thread takes its first queue, destroyed when
-// the thread ends, which hands its last queues over.
+// The thread-exit half: touched when a thread claims its pool-lock stripe, at its first
+// append; destroyed when the thread ends, which hands its last queues over and gives
+// the stripe back.
 struct ThreadLifetimes {
   LifetimeThreadInfo info[2] = {LifetimeThreadInfo(ZuOfflineLoggerType::Debug),
                                 LifetimeThreadInfo(ZuOfflineLoggerType::Binary)};
+  uint32_t stripe = 0;  // as in the thread record: the stripe plus one
+  ~ThreadLifetimes() {
+    // A line logged later still finds its stripe in the thread record, now shared.
+    if (stripe != 0) ZuPoolLock::releaseStripe(stripe - 1);
+  }
 };
 thread_local ThreadLifetimes sThreadLifetimes;
+
+// The thread's stripe of the pool locks, claimed at its first append.
+inline unsigned stripeOf(ThreadRecord& thread) {
+  if (thread.stripe == 0) {
+    thread.stripe = ZuPoolLock::claimStripe() + 1;
+    sThreadLifetimes.stripe = thread.stripe;
+  }
+  return thread.stripe - 1;
+}
 
 // Diagnostics written from helpers carry the name of the operation they belong to.
 #define ZU_OFFLINE_LOG_AS(prio, func, fmt, ...)                                                            \
@@ -136,8 +149,30 @@ int64_t nameTime(const std::string& dir, const std::string& name, const std::str
 
 // ---- pool lock ----
 
-bool ZuPoolLock::lockShared(Deadline deadline) {
-  Stripe& stripe = mStripes[zuCurrentTid() % kStripes];
+namespace {
+// Bit i: stripe i is held by a live thread. Handed out lowest free first; when all are
+// held, in turn.
+std::atomic<uint32_t> sStripesHeld{0};
+std::atomic<uint32_t> sStripeTurn{0};
+}  // namespace
+
+unsigned ZuPoolLock::claimStripe() {
+  uint32_t held = sStripesHeld.load(std::memory_order_relaxed);
+  for (;;) {
+    const uint32_t free = ~held & ((1u << kStripes) - 1);
+    if (free == 0) return sStripeTurn.fetch_add(1, std::memory_order_relaxed) % kStripes;
+    const unsigned stripe = static_cast<unsigned>(__builtin_ctz(free));
+    if (sStripesHeld.compare_exchange_weak(held, held | (1u << stripe), std::memory_order_relaxed))
+      return stripe;
+  }
+}
+
+void ZuPoolLock::releaseStripe(unsigned stripe) {
+  if (stripe < kStripes) sStripesHeld.fetch_and(~(1u << stripe), std::memory_order_relaxed);
+}
+
+bool ZuPoolLock::lockShared(unsigned index, Deadline deadline) {
+  Stripe& stripe = mStripes[index % kStripes];
   for (;;) {
     stripe.readers.fetch_add(1, std::memory_order_seq_cst);
     if (!mWriter.load(std::memory_order_seq_cst)) return true;
@@ -148,8 +183,8 @@ bool ZuPoolLock::lockShared(Deadline deadline) {
   }
 }
 
-void ZuPoolLock::unlockShared() {
-  mStripes[zuCurrentTid() % kStripes].readers.fetch_sub(1, std::memory_order_release);
+void ZuPoolLock::unlockShared(unsigned index) {
+  mStripes[index % kStripes].readers.fetch_sub(1, std::memory_order_release);
 }
 
 bool ZuPoolLock::lock(Deadline deadline) {
@@ -301,7 +336,7 @@ int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t thr
     return -1;
   }
   const int slot = slotOf(mState->mZuOfflineLoggerType);
-  threadLocalInfo& local = sThreadLocalInfo[slot];
+  threadLocalInfo& local = threadRecord().append[slot];
   LifetimeThreadInfo& lifetime = sThreadLifetimes.info[slot];
   if (mState->mFreeMemoryIndex.empty()) allocateLogQueueMemPool();
   if (mState->mFreeMemoryIndex.empty()) {
@@ -388,7 +423,11 @@ bool ZuDegbugOfflineLogger::requestFlushLogQueueUntil(int registerId, Deadline d
 }
 
 void ZuDegbugOfflineLogger::addLog(const char* line, unsigned int length) {
-  addLogImpl(line, length, Clock::time_point::max());
+  addLogImpl(threadRecord(), line, length, Clock::time_point::max());
+}
+
+void ZuDegbugOfflineLogger::addLog(ThreadRecord& thread, const char* line, unsigned int length) {
+  addLogImpl(thread, line, length, Clock::time_point::max());
 }
 
 namespace {
@@ -407,10 +446,11 @@ inline void copyLine(threadLocalInfo& local, const char* line, unsigned int leng
 
 }  // namespace
 
-ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char* line, unsigned int length,
+ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(ThreadRecord& thread, const char* line,
+                                                                      unsigned int length,
                                                                       Deadline deadline) {
   if (!mState->mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
-  threadLocalInfo& local = sThreadLocalInfo[slotOf(mState->mZuOfflineLoggerType)];
+  threadLocalInfo& local = thread.append[slotOf(mState->mZuOfflineLoggerType)];
   // Re-entered from a signal handler in the middle of this thread's own append.
   if (local.inAppend) return AppendResult::Blocked;
   if (line == nullptr || length == 0) return AppendResult::Done;
@@ -419,15 +459,17 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(const char
                       "OfflineLogger line of %u bytes does not fit a queue, dropped", length);
     return AppendResult::Done;
   }
-  if (!mState->mPoolLock.lockShared(deadline)) return AppendResult::Blocked;
+  const unsigned stripe = stripeOf(thread);
+  if (!mState->mPoolLock.lockShared(stripe, deadline)) return AppendResult::Blocked;
   struct Leave {
     ZuPoolLock& lock;
     threadLocalInfo& local;
+    unsigned stripe;
     ~Leave() {
       local.inAppend = false;
-      lock.unlockShared();
+      lock.unlockShared(stripe);
     }
-  } leave{mState->mPoolLock, local};
+  } leave{mState->mPoolLock, local, stripe};
   local.inAppend = true;
   // Stop drains appends through the pool lock: past this test a line is always kept.
   if (!mState->mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
@@ -1024,9 +1066,12 @@ ZuDegbugOfflineLogger::CrashKeep ZuDegbugOfflineLogger::keepCrashRecord(const ch
   // The slots go away only under the write side of the pool lock. A thread stopped
   // inside its own append already holds the shared side, and one stopped inside a
   // stop holds the write side: neither may wait for it.
-  const threadLocalInfo& local = sThreadLocalInfo[slotOf(mState->mZuOfflineLoggerType)];
+  ThreadRecord& thread = threadRecord();
+  const threadLocalInfo& local = thread.append[slotOf(mState->mZuOfflineLoggerType)];
   const bool takeShared = !local.inAppend && !mState->mPoolLock.heldByCurrentThread();
-  if (takeShared && !mState->mPoolLock.lockShared(deadline)) return CrashKeep::NoRoom;
+  // A thread that never appended shares a stripe rather than claim one here.
+  const unsigned stripe = thread.stripe != 0 ? thread.stripe - 1 : zuCurrentTid() % ZuPoolLock::kStripes;
+  if (takeShared && !mState->mPoolLock.lockShared(stripe, deadline)) return CrashKeep::NoRoom;
   CrashKeep kept = CrashKeep::Off;
   if (mState->mAccepting.load(std::memory_order_acquire) && mState->mPoolFile) {
     const pool::CrashArea& area = mState->mPoolFile->crashArea();
@@ -1035,7 +1080,7 @@ ZuDegbugOfflineLogger::CrashKeep ZuDegbugOfflineLogger::keepCrashRecord(const ch
     else
       kept = area.durable() ? CrashKeep::InPoolFile : CrashKeep::InMemory;
   }
-  if (takeShared) mState->mPoolLock.unlockShared();
+  if (takeShared) mState->mPoolLock.unlockShared(stripe);
   return kept;
 }
 

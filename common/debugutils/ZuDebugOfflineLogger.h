@@ -38,6 +38,7 @@ using ZuOwnedRecursiveMutex = ZuOwnedMutex<std::recursive_mutex>;
 struct PerLogThreadInfo;
 struct LifetimeThreadInfo;
 struct threadLocalInfo;
+struct ThreadRecord;
 
 class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
  public:
@@ -64,6 +65,9 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   int allocateLogQueueMemPool();
   int requestNewLogQueue(uint8_t*& queue, uint32_t threadId);
   void addLog(const char* line, unsigned int length);
+  // The same, for a caller that already holds the calling thread's record (the line
+  // emitter).
+  void addLog(ThreadRecord& thread, const char* line, unsigned int length);
   void requestFlushLogQueue(int registerId);
 
   // Files.
@@ -116,7 +120,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   ~ZuDegbugOfflineLogger();
 
   enum class AppendResult { Done, Blocked };
-  AppendResult addLogImpl(const char* line, unsigned int length, Deadline deadline);
+  AppendResult addLogImpl(ThreadRecord& thread, const char* line, unsigned int length, Deadline deadline);
   enum class QueueStep { Keep, Fresh, HandOver };
   bool chooseQueueStep(threadLocalInfo& local, unsigned int length, Deadline deadline, QueueStep* step);
   bool takeFreshQueue(threadLocalInfo& local, bool handOver, Deadline deadline);

@@ -90,12 +90,9 @@ const char* zuBaseName(const char* path) {
 
 namespace {
 
+using line::beginLine;
 using line::finishLine;
-using line::formatStamp;
-using line::groupOrigin;
 using line::kLineSize;
-using line::LineCursor;
-using line::putCallSite;
 
 constexpr size_t kReportSize = 512;  // error-service report
 
@@ -122,26 +119,14 @@ bool escalationWanted() {
   return mode == 1 || mode == 3;
 }
 
-// Where a line was logged from; lines without one carry only their group.
-struct CallSite {
-  const char* file;
-  const char* func;
-  int line;
-};
-
-// One line of either form: formatted, kept in the offline log, errors kept apart and
-// escalated.
-void emitLine(unsigned int group, const char* level, const CallSite* site, const char* fmt, va_list ap) {
+// One line of either form (`site` null: the line carries only its group): formatted,
+// kept in the offline log, errors kept apart and escalated.
+void emitLine(unsigned int group, const char* level, const line::Site* site, const char* fmt, va_list ap) {
+  ThreadRecord& thread = threadRecord();
   char buf[kLineSize];
-  const size_t p = formatStamp(buf, level);
-  const char* tag = Log::zuaGroupToTag(group);
-  const char* label = Log::zuaGroupToString(group);
-  LineCursor origin = groupOrigin(buf, p, tag, label);
-  if (site != nullptr)
-    putCallSite(origin, site->file, site->line, site->func);
-  else
-    origin.terminate();
-  const size_t n = finishLine(buf, origin.pos, fmt, ap);
+  size_t p;
+  const size_t used = beginLine(thread, buf, level, group, site, &p);
+  const size_t n = finishLine(buf, used, fmt, ap);
 
   const bool isError = isErrorLevel(level);
   if (site != nullptr) {
@@ -150,13 +135,14 @@ void emitLine(unsigned int group, const char* level, const CallSite* site, const
     if (zuDebugMask() == 0) return;
   }
   ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)
-      ->addLogInterface(buf, static_cast<unsigned int>(n + 1));
+      ->addLogInterface(thread, buf, static_cast<unsigned int>(n + 1));
   if (!isError || !escalationWanted()) return;
   char report[kReportSize];
   memset(report, 0, sizeof(report));
   if (site != nullptr) {
     // The message itself stays out of the report.
-    snprintf(report, sizeof(report), "%s:%s %s:%d fail", tag, label, orEmpty(site->file), site->line);
+    snprintf(report, sizeof(report), "%s:%s %s:%d fail", line::groupTag(group), line::groupLabel(group),
+             orEmpty(site->file), site->line);
   } else {
     // The line without its time stamp: at most 512 bytes, which need not leave room
     // for a terminating zero.
@@ -171,7 +157,7 @@ void emitLine(unsigned int group, const char* level, const CallSite* site, const
 void Log::logSystem(unsigned int group, const char* level, const char* file, const char* func, int line,
                     const char* fmt, ...) {
   if (gZuCamLogGroup == 0) return;
-  const CallSite site = {file, func, line};
+  const line::Site site = {file, func, line};
   va_list ap;
   va_start(ap, fmt);
   emitLine(group, level, &site, fmt, ap);
@@ -196,28 +182,33 @@ constexpr off_t kErrorInfoLimit = 524288;
 // One mutex for the one error file, usable while the library is still loading.
 std::mutex sErrorInfoMutex;
 
-ZuDebugInterface* sInstances[2] = {nullptr, nullptr};
+// Set once, read by every log line: a plain load once they are there.
+std::atomic<ZuDebugInterface*> sInstances[2] = {{nullptr}, {nullptr}};
 std::once_flag sInstancesOnce;
 
 // The instances live until the process ends (threads may log to the very end), but
 // their flush threads are woken and joined when static objects are destroyed.
 struct FlushThreadStopper {
   ~FlushThreadStopper() {
-    for (ZuDebugInterface* instance : sInstances)
-      if (instance != nullptr) instance->shutdownFlushThread();
+    for (auto& slot : sInstances)
+      if (ZuDebugInterface* instance = slot.load(std::memory_order_acquire)) instance->shutdownFlushThread();
   }
 };
 
 }  // namespace
 
 ZuDebugInterface* ZuDebugInterface::getInstance(ZuOfflineLoggerType type) {
+  const int slot = type == ZuOfflineLoggerType::Debug ? 0 : 1;
+  if (ZuDebugInterface* instance = sInstances[slot].load(std::memory_order_acquire)) return instance;
   std::call_once(sInstancesOnce, [] {
-    sInstances[0] = new ZuDebugInterface(ZuOfflineLoggerType::Debug);
-    sInstances[1] = new ZuDebugInterface(ZuOfflineLoggerType::Binary);
+    auto* debug = new ZuDebugInterface(ZuOfflineLoggerType::Debug);
+    auto* binary = new ZuDebugInterface(ZuOfflineLoggerType::Binary);
     static FlushThreadStopper stopper;
     (void)stopper;
+    sInstances[0].store(debug, std::memory_order_release);
+    sInstances[1].store(binary, std::memory_order_release);
   });
-  return sInstances[type == ZuOfflineLoggerType::Debug ? 0 : 1];
+  return sInstances[slot].load(std::memory_order_acquire);
 }
 
 namespace {
@@ -311,6 +302,10 @@ void ZuDebugInterface::stopOfflineLogger() {
 
 void ZuDebugInterface::addLogInterface(const char* line, unsigned int length) {
   if (mEnabled) mLogger->addLog(line, length);
+}
+
+void ZuDebugInterface::addLogInterface(ThreadRecord& thread, const char* line, unsigned int length) {
+  if (mEnabled) mLogger->addLog(thread, line, length);
 }
 
 void ZuDebugInterface::flushLogToFileInterface(bool force) {

@@ -17,6 +17,8 @@
 
 namespace zudebug {
 
+struct ThreadRecord;  // the library's per-thread record (internal)
+
 // Console threshold: a line of priority p reaches the Android log only while the
 // level is below p + 1 (errors below 7, warnings below 6, info below 5, debug below 4).
 extern ZUDEBUG_EXPORT uint32_t gZuCamLogLevel;
@@ -91,6 +93,9 @@ class ZUDEBUG_EXPORT ZuDebugInterface {
   int startOfflineLogger();
   void stopOfflineLogger();
   void addLogInterface(const char* line, unsigned int length);
+  // The same from the library's line emitter, which already holds the calling thread's
+  // record.
+  void addLogInterface(ThreadRecord& thread, const char* line, unsigned int length);
   void flushLogToFileInterface(bool force);
   void signalOfflineLoggerThread();
   void requestOfflineLogThreadProcessing();

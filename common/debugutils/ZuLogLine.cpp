@@ -10,28 +10,49 @@
 #include "ZuFormat.h"
 #include "ZuThreadIds.h"
 
+#include <pthread.h>
+#include <stdlib.h>
+
 namespace zudebug {
+
+__thread ThreadRecord tZuThreadRecord;
+
 namespace line {
 
 namespace {
 
 constexpr const char* kUnknown = "[UNKNOWN]";
+constexpr int kDateLen = 15;  // "MM-DD hh:mm:ss:"
+
+constexpr uint8_t lengthOf(const char* s) {
+  uint8_t n = 0;
+  while (s[n] != '\0') ++n;
+  return n;
+}
 
 struct GroupEntry {
   unsigned int bit;
   const char* label;
   const char* tag;
+  uint8_t labelLen;
+  uint8_t tagLen;
 };
 
+#define ZU_GROUP(bit, label, tag) \
+  { bit, label, tag, lengthOf(label), lengthOf(tag) }
 // Labels keep their inner blanks so that they line up in the log.
 constexpr GroupEntry kGroups[] = {
-    {1, "[AlgoFwk]", "ZuAlgoEngine"},   {2, "[Plugin]", "ZuAlgoEngine"}, {4, "[Meta]", "ZuAlgoEngine"},
-    {8, "[Service]", "ZuCamService"},   {16, "[Debug]", "ZuCamDebug"},   {32, "[Core]", "ZuCamHAL"},
-    {64, "[HAL ]", "ZuCamHAL"},         {128, "[RT  ]", "ZuCamHAL"},     {256, "[Algorithm]", "ZuAlgoEngine"},
-    {512, "[CallStack]", kUnknown},     {1024, "[TBM ]", "ZuCamHAL"},    {2048, "[AlgoFwkRT]", kUnknown},
-    {4096, "[OffCam]", "ZuAlgoEngine"}, {8192, "[Sdk ]", "EcoEngine"},   {16384, "[Perf]", "ZuCamPerf"},
-    {32768, "[Perf]", "ZuAlgoPerf"},
+    ZU_GROUP(1, "[AlgoFwk]", "ZuAlgoEngine"),     ZU_GROUP(2, "[Plugin]", "ZuAlgoEngine"),
+    ZU_GROUP(4, "[Meta]", "ZuAlgoEngine"),        ZU_GROUP(8, "[Service]", "ZuCamService"),
+    ZU_GROUP(16, "[Debug]", "ZuCamDebug"),        ZU_GROUP(32, "[Core]", "ZuCamHAL"),
+    ZU_GROUP(64, "[HAL ]", "ZuCamHAL"),           ZU_GROUP(128, "[RT  ]", "ZuCamHAL"),
+    ZU_GROUP(256, "[Algorithm]", "ZuAlgoEngine"), ZU_GROUP(512, "[CallStack]", kUnknown),
+    ZU_GROUP(1024, "[TBM ]", "ZuCamHAL"),         ZU_GROUP(2048, "[AlgoFwkRT]", kUnknown),
+    ZU_GROUP(4096, "[OffCam]", "ZuAlgoEngine"),   ZU_GROUP(8192, "[Sdk ]", "EcoEngine"),
+    ZU_GROUP(16384, "[Perf]", "ZuCamPerf"),       ZU_GROUP(32768, "[Perf]", "ZuAlgoPerf"),
 };
+#undef ZU_GROUP
+constexpr GroupEntry kUnknownGroup = {0, kUnknown, kUnknown, lengthOf(kUnknown), lengthOf(kUnknown)};
 
 // Exact-value lookup: a value with several bits set is unknown.
 const GroupEntry* findGroup(unsigned int group) {
@@ -39,20 +60,178 @@ const GroupEntry* findGroup(unsigned int group) {
   return &kGroups[__builtin_ctz(group)];
 }
 
-// Per thread: the local time of the current second and the thread's ids, already
-// formatted, so that a line costs one clock read and no time-zone lookup.
-struct StampCache {
-  time_t second;
-  bool dateValid;
-  uint32_t dateLen;
-  char date[32];  // "MM-DD hh:mm:ss:"
-  uint32_t tid;   // ids below were formatted for this thread id
-  uint32_t idsLen;
-  char ids[48];  // "  <pid>  <tid> "
-};
-thread_local StampCache sStampCache = {};
-
 inline const char* orEmpty(const char* s) { return s ? s : ""; }
+
+// ---- the per-thread parts of the line ----
+
+// In a forked child the one thread left has new ids.
+void forgetIdsInChild() { tZuThreadRecord.tid = 0; }
+const int sAtForkRegistered = pthread_atfork(nullptr, nullptr, forgetIdsInChild);
+
+void adoptThread(ThreadRecord& t) {
+  t.tid = zuCurrentTid();
+  const int n =
+      snprintf(t.ids, sizeof(t.ids), "  %4d  %4d ", static_cast<int>(getpid()), static_cast<int>(t.tid));
+  t.idsLen = n > 0 && static_cast<size_t>(n) < sizeof(t.ids) ? static_cast<uint32_t>(n) : 0;
+}
+
+// "MM-DD hh:mm:ss:" of the second; false when the local-time conversion fails.
+bool refreshDate(ThreadRecord& t, time_t second) {
+  struct tm tm;
+  t.second = second;
+  t.dateValid = false;
+  if (localtime_r(&second, &tm) == nullptr) return false;
+  char date[32];
+  const int n = snprintf(date, sizeof(date), "%02d-%02d %02d:%02d:%02d:", tm.tm_mon + 1, tm.tm_mday,
+                         tm.tm_hour, tm.tm_min, tm.tm_sec);
+  // Fields out of their usual range would make it longer; such a line has no stamp.
+  if (n != kDateLen) return false;
+  memcpy(t.date, date, kDateLen);
+  t.dateValid = true;
+  return true;
+}
+
+// The recent call sites of one thread, direct-mapped: each entry holds
+// "  <pid>  <tid> <level> <tag> <label> [<file>:<line> <func>() ]" and what it was
+// made from. A hit is checked against the texts themselves, not only their
+// addresses, so that a caller who passes the same buffer with new text gets it.
+constexpr size_t kSiteEntries = 32;
+constexpr size_t kSiteText = 176;
+struct SiteEntry {
+  const char* level;
+  const char* file;  // null: the line names no site
+  const char* func;
+  unsigned int group;
+  int line;
+  uint32_t tid;  // the ids in the text are of this thread id; 0: empty entry
+  uint16_t len;
+  uint16_t originAt;  // where the tag starts
+  uint16_t fileAt;
+  uint16_t funcAt;
+  uint8_t levelLen;
+  uint8_t fileLen;
+  uint8_t funcLen;
+  char text[kSiteText];
+};
+
+}  // namespace
+
+struct SiteCache {
+  SiteEntry entries[kSiteEntries];
+};
+
+namespace {
+
+pthread_key_t makeSiteCacheKey() {
+  pthread_key_t key;
+  auto release = [](void* cache) {
+    free(cache);
+    tZuThreadRecord.sites = nullptr;
+  };
+  return pthread_key_create(&key, release) == 0 ? key : static_cast<pthread_key_t>(-1);
+}
+
+// The thread's cache, made at its first line and freed when it ends; null when there
+// is none to be had (lines are then built in full).
+SiteCache* siteCache(ThreadRecord& t) {
+  if (t.sites != nullptr) return t.sites;
+  static const pthread_key_t key = makeSiteCacheKey();
+  if (key == static_cast<pthread_key_t>(-1)) return nullptr;
+  auto* cache = static_cast<SiteCache*>(calloc(1, sizeof(SiteCache)));
+  if (cache == nullptr) return nullptr;
+  if (pthread_setspecific(key, cache) != 0) {
+    free(cache);
+    return nullptr;
+  }
+  t.sites = cache;
+  return cache;
+}
+
+inline unsigned siteSlot(const char* level, unsigned int group, const Site* site) {
+  uintptr_t h = reinterpret_cast<uintptr_t>(level) * 31u + group;
+  if (site != nullptr) {
+    h = h * 31u + reinterpret_cast<uintptr_t>(site->file);
+    h = h * 31u + reinterpret_cast<uintptr_t>(site->func);
+    h = h * 31u + static_cast<unsigned int>(site->line);
+  }
+  h ^= h >> 17;
+  h *= 0x9e3779b1u;
+  return static_cast<unsigned>((h >> 7) % kSiteEntries);
+}
+
+// `s` is exactly the n kept bytes at `kept`.
+inline bool sameText(const char* s, const char* kept, size_t n) {
+  return strncmp(s, kept, n) == 0 && s[n] == '\0';
+}
+
+bool entryFits(const SiteEntry& e, const ThreadRecord& t, const char* level, unsigned int group,
+               const Site* site) {
+  if (e.tid != t.tid || e.level != level || e.group != group) return false;
+  if (!sameText(orEmpty(level), e.text + t.idsLen, e.levelLen)) return false;
+  if (site == nullptr) return e.file == nullptr;
+  return e.file == site->file && e.func == site->func && e.line == site->line &&
+         sameText(orEmpty(site->file), e.text + e.fileAt, e.fileLen) &&
+         sameText(orEmpty(site->func), e.text + e.funcAt, e.funcLen);
+}
+
+// "<tag> <label> [<file>:<line> <func>() ]" behind what `out` holds.
+void putOrigin(LineCursor& out, unsigned int group, const Site* site, size_t* fileAt, size_t* funcAt) {
+  const GroupEntry* g = findGroup(group);
+  if (g == nullptr) g = &kUnknownGroup;
+  out.put(g->tag, g->tagLen);
+  out.put(" ", 1);
+  out.put(g->label, g->labelLen);
+  out.put(" ", 1);
+  if (site == nullptr) return;
+  *fileAt = out.pos;
+  out.put(orEmpty(site->file));
+  out.put(":", 1);
+  out.putInt(site->line);
+  out.put(" ", 1);
+  *funcAt = out.pos;
+  out.put(orEmpty(site->func));
+  out.put("() ", 3);
+}
+
+// Fills `e` for the site; false when the text does not fit an entry.
+bool fillEntry(SiteEntry& e, const ThreadRecord& t, const char* level, unsigned int group, const Site* site) {
+  char text[kLineSize];
+  LineCursor out{text, 0};
+  out.put(t.ids, t.idsLen);
+  out.put(orEmpty(level));
+  const size_t levelLen = out.pos - t.idsLen;
+  out.put(" ", 1);
+  const size_t originAt = out.pos;
+  size_t fileAt = 0;
+  size_t funcAt = 0;
+  putOrigin(out, group, site, &fileAt, &funcAt);
+  if (out.pos > kSiteText) return false;
+  const size_t fileLen = site ? strlen(orEmpty(site->file)) : 0;
+  const size_t funcLen = site ? strlen(orEmpty(site->func)) : 0;
+  if (levelLen > 255 || fileLen > 255 || funcLen > 255) return false;
+  memcpy(e.text, text, out.pos);
+  e.len = static_cast<uint16_t>(out.pos);
+  e.originAt = static_cast<uint16_t>(originAt);
+  e.fileAt = static_cast<uint16_t>(fileAt);
+  e.funcAt = static_cast<uint16_t>(funcAt);
+  e.levelLen = static_cast<uint8_t>(levelLen);
+  e.fileLen = static_cast<uint8_t>(fileLen);
+  e.funcLen = static_cast<uint8_t>(funcLen);
+  e.level = level;
+  e.file = site ? site->file : nullptr;
+  e.func = site ? site->func : nullptr;
+  e.line = site ? site->line : 0;
+  e.group = group;
+  e.tid = t.tid;
+  return true;
+}
+
+inline void putNanos(char* p, long ns) {
+  for (int i = 8; i >= 0; --i) {
+    p[i] = static_cast<char>('0' + ns % 10);
+    ns /= 10;
+  }
+}
 
 }  // namespace
 
@@ -66,62 +245,41 @@ const char* groupTag(unsigned int group) {
   return e ? e->tag : kUnknown;
 }
 
-size_t formatStamp(char* buf, const char* level) {
+size_t beginLine(ThreadRecord& t, char* buf, const char* level, unsigned int group, const Site* site,
+                 size_t* stampLen) {
   struct timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
-  StampCache& c = sStampCache;
-  if (!c.dateValid || c.second != ts.tv_sec) {
-    struct tm tm;
-    c.second = ts.tv_sec;
-    c.dateValid = localtime_r(&ts.tv_sec, &tm) != nullptr;
-    if (c.dateValid) {
-      int n = snprintf(c.date, sizeof(c.date), "%02d-%02d %02d:%02d:%02d:", tm.tm_mon + 1, tm.tm_mday,
-                       tm.tm_hour, tm.tm_min, tm.tm_sec);
-      c.dateValid = n > 0 && static_cast<size_t>(n) < sizeof(c.date);
-      c.dateLen = c.dateValid ? static_cast<uint32_t>(n) : 0;
+  if (t.tid == 0) adoptThread(t);
+  if ((!t.dateValid || t.second != ts.tv_sec) && !refreshDate(t, ts.tv_sec)) {
+    // No stamp: the line starts with its origin.
+    LineCursor out{buf, 0};
+    size_t fileAt;
+    size_t funcAt;
+    putOrigin(out, group, site, &fileAt, &funcAt);
+    *stampLen = 0;
+    return out.pos;
+  }
+  memcpy(buf, t.date, kDateLen);
+  putNanos(buf + kDateLen, ts.tv_nsec);
+  constexpr size_t kTimeLen = kDateLen + 9;
+  if (SiteCache* cache = siteCache(t)) {
+    SiteEntry& e = cache->entries[siteSlot(level, group, site)];
+    if (entryFits(e, t, level, group, site) || fillEntry(e, t, level, group, site)) {
+      memcpy(buf + kTimeLen, e.text, e.len);
+      *stampLen = kTimeLen + e.originAt;
+      return kTimeLen + e.len;
     }
-    if (!c.dateValid) return 0;
   }
-  const uint32_t tid = zuCurrentTid();
-  if (c.tid != tid || c.idsLen == 0) {
-    // A new thread id also follows a fork, where the process id changed too.
-    int n = snprintf(c.ids, sizeof(c.ids), "  %4d  %4d ", static_cast<int>(getpid()), static_cast<int>(tid));
-    c.idsLen = n > 0 ? static_cast<uint32_t>(n) : 0;
-    c.tid = tid;
-  }
-  LineCursor out{buf, 0};
-  out.put(c.date, c.dateLen);
-  char nanos[9];
-  long ns = ts.tv_nsec;
-  for (int i = 8; i >= 0; --i) {
-    nanos[i] = static_cast<char>('0' + ns % 10);
-    ns /= 10;
-  }
-  out.put(nanos, sizeof(nanos));
-  out.put(c.ids, c.idsLen);
+  // Too long for the cache (or none to be had): in full.
+  LineCursor out{buf, kTimeLen};
+  out.put(t.ids, t.idsLen);
   out.put(orEmpty(level));
   out.put(" ", 1);
-  out.terminate();
-  return out.pos < kLineSize - 1 ? out.pos : kLineSize - 1;
-}
-
-LineCursor groupOrigin(char* buf, size_t stampLen, const char* tag, const char* label) {
-  LineCursor origin{buf, stampLen};
-  origin.put(tag);
-  origin.put(" ", 1);
-  origin.put(label);
-  origin.put(" ", 1);
-  return origin;
-}
-
-void putCallSite(LineCursor& origin, const char* file, int line, const char* func) {
-  origin.put(orEmpty(file));
-  origin.put(":", 1);
-  origin.putInt(line);
-  origin.put(" ", 1);
-  origin.put(orEmpty(func));
-  origin.put("() ", 3);
-  origin.terminate();
+  *stampLen = out.pos < kLineSize - 1 ? out.pos : kLineSize - 1;
+  size_t fileAt;
+  size_t funcAt;
+  putOrigin(out, group, site, &fileAt, &funcAt);
+  return out.pos;
 }
 
 size_t finishLine(char* buf, size_t used, const char* fmt, va_list ap) {
@@ -145,12 +303,12 @@ size_t formatDiagnosticLine(char* buf, size_t size, const char* level, const cha
                             int line, const char* fmt, ...) {
   if (buf == nullptr || size == 0) return 0;
   char tmp[line::kLineSize];
-  const size_t p = line::formatStamp(tmp, level);
-  line::LineCursor origin = line::groupOrigin(tmp, p, line::groupTag(16), line::groupLabel(16));
-  line::putCallSite(origin, file, line, func);
+  const line::Site site = {file, func, line};
+  size_t stampLen;
+  const size_t used = line::beginLine(threadRecord(), tmp, level, 16, &site, &stampLen);
   va_list ap;
   va_start(ap, fmt);
-  const size_t n = line::finishLine(tmp, origin.pos, fmt, ap) + 1;
+  const size_t n = line::finishLine(tmp, used, fmt, ap) + 1;
   va_end(ap);
   const size_t kept = n < size ? n : size - 1;
   memcpy(buf, tmp, kept);

@@ -9,6 +9,8 @@
 #include <stddef.h>
 #include <string.h>
 
+#include "ZuThreadRecord.h"
+
 namespace zudebug {
 namespace line {
 
@@ -42,13 +44,22 @@ struct LineCursor {
   void terminate() { buf[pos < kLineSize - 1 ? pos : kLineSize - 1] = '\0'; }
 };
 
-// "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s " of now; returns its length, 0 when
-// the local-time conversion fails.
-size_t formatStamp(char* buf, const char* level);
-// "tag label " behind the time stamp; both forms of the line start so.
-LineCursor groupOrigin(char* buf, size_t stampLen, const char* tag, const char* label);
-// "file:line func() " behind the group origin, for lines that name their call site.
-void putCallSite(LineCursor& origin, const char* file, int line, const char* func);
+// Where a line was logged from.
+struct Site {
+  const char* file;
+  const char* func;
+  int line;
+};
+
+// Starts a line of the calling thread (`thread` is its record) in buf[0, kLineSize):
+// "MM-DD hh:mm:ss:nnnnnnnnn  <pid>  <tid> <level> " of now, then "<tag> <label> " of
+// the group and, with a site, "<file>:<line> <func>() ". Returns where the message
+// goes (counted as LineCursor does: it may pass the buffer); *stampLen is the length of
+// the first part, 0 when the local-time conversion failed (the line then starts with its
+// tag). All but the time is kept per call site in the thread's record and copied whole
+// when the same site logs again.
+size_t beginLine(ThreadRecord& thread, char* buf, const char* level, unsigned int group, const Site* site,
+                 size_t* stampLen);
 // Appends the caller's message behind `used` bytes and finishes the line: returns n,
 // the text length before the "\n" (at most 1021).
 size_t finishLine(char* buf, size_t used, const char* fmt, va_list ap);

@@ -14,6 +14,7 @@
 
 #include "ZuDebugOfflineLogger.h"
 #include "ZuOfflinePool.h"
+#include "ZuThreadRecord.h"
 
 namespace zudebug {
 
@@ -68,16 +69,21 @@ using ZuOwnedPlainMutex = ZuOwnedMutex<std::mutex>;
 class ZUDEBUG_EXPORT ZuPoolLock {
  public:
   using Deadline = std::chrono::steady_clock::time_point;
-  // Shared side; false when the deadline passed first.
-  bool lockShared(Deadline deadline = Deadline::max());
-  void unlockShared();
+  static constexpr unsigned kStripes = 16;
+  // Shared side on the caller's stripe (below kStripes; see claimStripe); false when
+  // the deadline passed first.
+  bool lockShared(unsigned stripe, Deadline deadline = Deadline::max());
+  void unlockShared(unsigned stripe);
+  // A stripe for a thread's appends: one no other live thread holds while there is
+  // one, else the least recently handed out. Give it back with releaseStripe.
+  static unsigned claimStripe();
+  static void releaseStripe(unsigned stripe);
   // Exclusive side, not recursive; false when the deadline passed first.
   bool lock(Deadline deadline = Deadline::max());
   void unlock();
   bool heldByCurrentThread() const { return mOwner.load(std::memory_order_relaxed) == zuCurrentTid(); }
 
  private:
-  static constexpr int kStripes = 16;
   struct alignas(64) Stripe {
     std::atomic<uint32_t> readers{0};
   };
@@ -87,8 +93,9 @@ class ZUDEBUG_EXPORT ZuPoolLock {
   std::atomic<uint32_t> mOwner{0};
 };
 
-// One record per handed-out queue; its index in the pool is the register id.
-struct PerLogThreadInfo {
+// One record per handed-out queue; its index in the pool is the register id. Its owner
+// updates it with every line: a cache line of its own.
+struct alignas(64) PerLogThreadInfo {
   bool bNeedFlush = false;          // handed to the flush thread
   bool bReserved = false;           // cleared whenever the record is (re)used
   uint32_t threadId = 0;            // kernel id of the owner
@@ -111,20 +118,6 @@ struct LifetimeThreadInfo {
   ZuOfflineLoggerType loggerType;
   uint32_t session = 0;  // logger session and record epoch the queue belongs to
   uint32_t epoch = 0;
-};
-
-// What a thread keeps per logger type. Trivially constructed and destroyed, so that
-// the append path (and a signal handler) can reach it without any set-up call.
-struct threadLocalInfo {
-  uint8_t* queueAddress;
-  int32_t sThreadLocalQueuePoolId;
-  uint32_t session;
-  uint32_t bytesSinceReset;
-  uint32_t offset;
-  PerLogThreadInfo* record;  // the record of the current queue
-  pool::BlockDesc* desc;     // the durable counters of the current block
-  uint32_t epoch;            // record epoch the record belongs to
-  bool inAppend;             // an append of this thread is under way
 };
 
 struct ZuDegbugOfflineLogger::State {
