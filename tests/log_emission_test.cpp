@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "TestSupport.h"
 #include "ZuDebugUtils.h"
@@ -42,6 +43,61 @@ std::string afterStamp(const std::string& line) {
 ZuDebugInterface* debug() { return ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug); }
 
 }  // namespace
+
+// Child: a thread keeps the origins of its call sites; whatever the cache holds, every
+// line must carry the site it was logged from: sites that share a slot, more sites than
+// the cache holds, a caller reusing one buffer for new names, names too long to keep,
+// missing names, and another level at the same site.
+ZU_CHILD_TEST(LogEmission, CallSiteOriginsChild) {
+  ASSERT_EQ(debug()->startOfflineLogger(), 0);
+  std::vector<std::string> want;
+  char id[64];
+  snprintf(id, sizeof(id), "  %4d  %4d ", static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)));
+  static const char* const kFiles[] = {"a.cpp", "b.cpp", "c.cpp"};
+  for (int round = 0; round < 3; ++round) {
+    for (int site = 0; site < 50; ++site) {
+      const char* file = kFiles[site % 3];
+      Log::logSystem(64, "I", file, "run", site, "r%d", round);
+      want.push_back(std::string(id) + "I ZuCamHAL [HAL ] " + file + ":" + std::to_string(site) + " run() r" +
+                     std::to_string(round));
+    }
+  }
+  char file[32];
+  char func[32];
+  for (int i = 0; i < 4; ++i) {
+    snprintf(file, sizeof(file), i % 2 ? "odd_%d.cpp" : "even%d.cpp", i);
+    snprintf(func, sizeof(func), "step%d", i * 11);
+    Log::logSystem(32, i == 3 ? "E" : "D", file, func, 7, "same buffers");
+    want.push_back(std::string(id) + (i == 3 ? "E" : "D") + " ZuCamHAL [Core] " + file + ":7 " + func +
+                   "() same buffers");
+  }
+  const std::string longFunc(300, 'f');
+  for (int i = 0; i < 2; ++i) {
+    Log::logSystem(16, "W", "long.cpp", longFunc.c_str(), 9, "long %d", i);
+    want.push_back(std::string(id) + "W ZuCamDebug [Debug] long.cpp:9 " + longFunc + "() long " +
+                   std::to_string(i));
+  }
+  Log::logSystem(64, "I", nullptr, nullptr, 5, "no names");
+  want.push_back(std::string(id) + "I ZuCamHAL [HAL ] :5 () no names");
+  Log::logSystem(64, "I", "a.cpp", "run", 0, "level I");
+  Log::logSystem(64, "D", "a.cpp", "run", 0, "level D");
+  want.push_back(std::string(id) + "I ZuCamHAL [HAL ] a.cpp:0 run() level I");
+  want.push_back(std::string(id) + "D ZuCamHAL [HAL ] a.cpp:0 run() level D");
+  debug()->stopOfflineLogger();
+
+  std::istringstream in(debugLogText());
+  std::vector<std::string> got;
+  for (std::string l; std::getline(in, l);) got.push_back(afterStamp(l));
+  ASSERT_EQ(got.size(), want.size());
+  for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(got[i], want[i]) << "line " << i;
+}
+
+TEST(LogEmission, CallSiteOrigins) {
+  TempRoot root;
+  root.setProps({{"persist.vendor.camera.offlinedebug.mask", "1"}});
+  const ChildResult r = runChild("LogEmission.CallSiteOriginsChild", root);
+  EXPECT_EQ(r.exitCode(), 0) << r.output;
+}
 
 // Child: logs through both overloads and the macro, stops the logger so the lines
 // reach the file, and checks them byte for byte.
