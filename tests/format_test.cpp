@@ -101,6 +101,18 @@ TEST(FormatTest, IntegersAtTheirLimits) {
   for (const Row& row : rows) expectSame(row);
 }
 
+// The nanoseconds of a time stamp: always nine digits, as "%09u" prints them.
+TEST(FormatTest, NineDigitsAsPercentZeroNineU) {
+  for (unsigned int v : {0u, 7u, 10u, 999u, 1000u, 1001u, 99999u, 100000u, 999999u, 1000000u, 123456789u,
+                         100000000u, 909090909u, 999999999u}) {
+    char ours[10] = {};
+    char libc[16];
+    zudebug::fmt::putNineDigits(ours, v);
+    snprintf(libc, sizeof(libc), "%09u", v);
+    EXPECT_STREQ(ours, libc);
+  }
+}
+
 TEST(FormatTest, IntegerFlagsWidthAndPrecision) {
   const Row rows[] = {
       ROW("||", "|%.0d|", 0),

@@ -411,6 +411,20 @@ bool formatAll(Out& out, const char* p, Args& args) {
 
 }  // namespace
 
+void putNineDigits(char* out, unsigned int v) {
+  // Three groups of three digits, worked out side by side rather than one digit after
+  // the other.
+  const unsigned int high = v / 1000000;
+  const unsigned int middle = v / 1000 % 1000;
+  const unsigned int low = v % 1000;
+  const unsigned int groups[3] = {high, middle, low};
+  for (int i = 0; i < 3; ++i) {
+    const unsigned int g = groups[i] % 1000;
+    out[3 * i] = static_cast<char>('0' + g / 100);
+    memcpy(out + 3 * i + 1, kDecimalPairs + 2 * (g % 100), 2);
+  }
+}
+
 int zuVFormat(char* buf, size_t size, const char* format, va_list ap) {
   Out out{buf, size != 0 ? size - 1 : 0, 0};
   Args args;

@@ -32,5 +32,8 @@ namespace fmt {
 int zuVFormat(char* buf, size_t size, const char* format, va_list ap) __attribute__((format(printf, 3, 0)));
 int zuFormat(char* buf, size_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
+// v (below 1,000,000,000) as exactly nine decimal digits, leading zeros kept, at out.
+void putNineDigits(char* out, unsigned int v);
+
 }  // namespace fmt
 }  // namespace zudebug

@@ -226,13 +226,6 @@ bool fillEntry(SiteEntry& e, const ThreadRecord& t, const char* level, unsigned 
   return true;
 }
 
-inline void putNanos(char* p, long ns) {
-  for (int i = 8; i >= 0; --i) {
-    p[i] = static_cast<char>('0' + ns % 10);
-    ns /= 10;
-  }
-}
-
 }  // namespace
 
 const char* groupLabel(unsigned int group) {
@@ -260,7 +253,7 @@ size_t beginLine(ThreadRecord& t, char* buf, const char* level, unsigned int gro
     return out.pos;
   }
   memcpy(buf, t.date, kDateLen);
-  putNanos(buf + kDateLen, ts.tv_nsec);
+  fmt::putNineDigits(buf + kDateLen, static_cast<unsigned int>(ts.tv_nsec));
   constexpr size_t kTimeLen = kDateLen + 9;
   if (SiteCache* cache = siteCache(t)) {
     SiteEntry& e = cache->entries[siteSlot(level, group, site)];
