@@ -223,11 +223,15 @@ BENCHMARK(BM_GlogFile)->Threads(1)->Threads(2)->UseRealTime();
 
 void BM_PoolLockShared(benchmark::State& state) {
   static ZuPoolLock lock;
-  const unsigned stripe = ZuPoolLock::claimStripe();
+  bool alone = false;
+  const unsigned stripe = ZuPoolLock::claimStripe(&alone);
   for (auto _ : state) {
     lock.lockShared(stripe);
     benchmark::ClobberMemory();
-    lock.unlockShared(stripe);
+    if (alone)
+      lock.unlockOwnShared(stripe);
+    else
+      lock.unlockShared(stripe);
   }
   ZuPoolLock::releaseStripe(stripe);
   state.SetItemsProcessed(state.iterations());

@@ -326,6 +326,29 @@ ZU_CHILD_TEST(OfflineLogger, ForcedFlushesExactlyOnceChild) {
 
 TEST(OfflineLogger, ForcedFlushesExactlyOnce) { runMasked("ForcedFlushesExactlyOnceChild", TempRoot()); }
 
+// Appending threads each hold a stripe of the pool lock alone while there are stripes
+// to hold; the rest share the last one, and a stripe given back is handed out again.
+TEST(OfflineLogger, PoolLockStripes) {
+  std::vector<unsigned> held;
+  bool alone = true;
+  for (unsigned i = 0; i < ZuPoolLock::kStripes && alone; ++i) {
+    const unsigned stripe = ZuPoolLock::claimStripe(&alone);
+    if (!alone) {
+      EXPECT_EQ(stripe, ZuPoolLock::kSharedStripe);
+      break;
+    }
+    EXPECT_LT(stripe, ZuPoolLock::kSharedStripe);
+    EXPECT_EQ(std::count(held.begin(), held.end(), stripe), 0) << "stripe " << stripe << " handed out twice";
+    held.push_back(stripe);
+  }
+  EXPECT_FALSE(alone);
+  ASSERT_FALSE(held.empty());
+  ZuPoolLock::releaseStripe(held.back());
+  EXPECT_EQ(ZuPoolLock::claimStripe(&alone), held.back());
+  EXPECT_TRUE(alone);
+  for (unsigned stripe : held) ZuPoolLock::releaseStripe(stripe);
+}
+
 // Four threads log numbered lines while the flush thread runs; short-lived threads come
 // and go ("churn"), or another thread forces flushes ("forced"). Every line arrives
 // whole, once, in its thread's order.

@@ -63,6 +63,7 @@ struct ThreadLifetimes {
   ~ThreadLifetimes() {
     // A line logged later still finds its stripe in the thread record, now shared.
     if (stripe != 0) ZuPoolLock::releaseStripe(stripe - 1);
+    threadRecord().stripeAlone = false;
   }
 };
 thread_local ThreadLifetimes sThreadLifetimes;
@@ -70,7 +71,7 @@ thread_local ThreadLifetimes sThreadLifetimes;
 // The thread's stripe of the pool locks, claimed at its first append.
 inline unsigned stripeOf(ThreadRecord& thread) {
   if (thread.stripe == 0) {
-    thread.stripe = ZuPoolLock::claimStripe() + 1;
+    thread.stripe = ZuPoolLock::claimStripe(&thread.stripeAlone) + 1;
     sThreadLifetimes.stripe = thread.stripe;
   }
   return thread.stripe - 1;
@@ -150,25 +151,29 @@ int64_t nameTime(const std::string& dir, const std::string& name, const std::str
 // ---- pool lock ----
 
 namespace {
-// Bit i: stripe i is held by a live thread. Handed out lowest free first; when all are
-// held, in turn.
+// Bit i: stripe i is held alone by a live thread, lowest free first. The last stripe is
+// never held alone: threads beyond the others share it.
 std::atomic<uint32_t> sStripesHeld{0};
-std::atomic<uint32_t> sStripeTurn{0};
 }  // namespace
 
-unsigned ZuPoolLock::claimStripe() {
+unsigned ZuPoolLock::claimStripe(bool* alone) {
   uint32_t held = sStripesHeld.load(std::memory_order_relaxed);
   for (;;) {
-    const uint32_t free = ~held & ((1u << kStripes) - 1);
-    if (free == 0) return sStripeTurn.fetch_add(1, std::memory_order_relaxed) % kStripes;
+    const uint32_t free = ~held & ((1u << kSharedStripe) - 1);
+    if (free == 0) {
+      *alone = false;
+      return kSharedStripe;
+    }
     const unsigned stripe = static_cast<unsigned>(__builtin_ctz(free));
-    if (sStripesHeld.compare_exchange_weak(held, held | (1u << stripe), std::memory_order_relaxed))
+    if (sStripesHeld.compare_exchange_weak(held, held | (1u << stripe), std::memory_order_relaxed)) {
+      *alone = true;
       return stripe;
+    }
   }
 }
 
 void ZuPoolLock::releaseStripe(unsigned stripe) {
-  if (stripe < kStripes) sStripesHeld.fetch_and(~(1u << stripe), std::memory_order_relaxed);
+  if (stripe < kSharedStripe) sStripesHeld.fetch_and(~(1u << stripe), std::memory_order_relaxed);
 }
 
 bool ZuPoolLock::lockShared(unsigned index, Deadline deadline) {
@@ -185,6 +190,11 @@ bool ZuPoolLock::lockShared(unsigned index, Deadline deadline) {
 
 void ZuPoolLock::unlockShared(unsigned index) {
   mStripes[index % kStripes].readers.fetch_sub(1, std::memory_order_release);
+}
+
+void ZuPoolLock::unlockOwnShared(unsigned index) {
+  // Only this thread counts on the stripe, and it held one: back to none.
+  mStripes[index % kStripes].readers.store(0, std::memory_order_release);
 }
 
 bool ZuPoolLock::lock(Deadline deadline) {
@@ -465,11 +475,15 @@ ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(ThreadReco
     ZuPoolLock& lock;
     threadLocalInfo& local;
     unsigned stripe;
+    bool alone;
     ~Leave() {
       local.inAppend = false;
-      lock.unlockShared(stripe);
+      if (alone)
+        lock.unlockOwnShared(stripe);
+      else
+        lock.unlockShared(stripe);
     }
-  } leave{mState->mPoolLock, local, stripe};
+  } leave{mState->mPoolLock, local, stripe, thread.stripeAlone};
   local.inAppend = true;
   // Stop drains appends through the pool lock: past this test a line is always kept.
   if (!mState->mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
@@ -1069,8 +1083,8 @@ ZuDegbugOfflineLogger::CrashKeep ZuDegbugOfflineLogger::keepCrashRecord(const ch
   ThreadRecord& thread = threadRecord();
   const threadLocalInfo& local = thread.append[slotOf(mState->mZuOfflineLoggerType)];
   const bool takeShared = !local.inAppend && !mState->mPoolLock.heldByCurrentThread();
-  // A thread that never appended shares a stripe rather than claim one here.
-  const unsigned stripe = thread.stripe != 0 ? thread.stripe - 1 : zuCurrentTid() % ZuPoolLock::kStripes;
+  // A thread that never appended uses the shared stripe rather than claim one here.
+  const unsigned stripe = thread.stripe != 0 ? thread.stripe - 1 : ZuPoolLock::kSharedStripe;
   if (takeShared && !mState->mPoolLock.lockShared(stripe, deadline)) return CrashKeep::NoRoom;
   CrashKeep kept = CrashKeep::Off;
   if (mState->mAccepting.load(std::memory_order_acquire) && mState->mPoolFile) {

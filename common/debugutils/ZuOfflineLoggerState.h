@@ -70,13 +70,18 @@ class ZUDEBUG_EXPORT ZuPoolLock {
  public:
   using Deadline = std::chrono::steady_clock::time_point;
   static constexpr unsigned kStripes = 16;
+  static constexpr unsigned kSharedStripe = kStripes - 1;  // never held alone
   // Shared side on the caller's stripe (below kStripes; see claimStripe); false when
   // the deadline passed first.
   bool lockShared(unsigned stripe, Deadline deadline = Deadline::max());
   void unlockShared(unsigned stripe);
+  // The same for the one thread that holds the stripe alone: a plain store instead of
+  // a locked instruction. Holds taken on the stripe in between (by a signal handler on
+  // the same thread) must have been given back.
+  void unlockOwnShared(unsigned stripe);
   // A stripe for a thread's appends: one no other live thread holds while there is
-  // one, else the least recently handed out. Give it back with releaseStripe.
-  static unsigned claimStripe();
+  // one (*alone true), else kSharedStripe. Give it back with releaseStripe.
+  static unsigned claimStripe(bool* alone);
   static void releaseStripe(unsigned stripe);
   // Exclusive side, not recursive; false when the deadline passed first.
   bool lock(Deadline deadline = Deadline::max());

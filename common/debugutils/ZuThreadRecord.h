@@ -39,6 +39,7 @@ struct ThreadRecord {
   uint32_t tid;
   // Pool-lock stripe plus one; 0 until the thread's first append claims one.
   uint32_t stripe;
+  bool stripeAlone;  // no other live thread appends on it
   // The local time of the current second as "MM-DD hh:mm:ss:" and "  <pid>  <tid> ".
   time_t second;
   bool dateValid;
