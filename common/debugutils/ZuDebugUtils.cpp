@@ -2,6 +2,7 @@
 
 #include <camlog/camlog.h>
 #include <cutils/properties.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -250,6 +251,8 @@ void ZuDebugInterface::shutdownFlushThread() {
 }
 
 void ZuDebugInterface::requestOfflineLogThreadProcessing() {
+  // Named, so that it can be told apart in ps, top and traces.
+  pthread_setname_np(pthread_self(), mType == ZuOfflineLoggerType::Debug ? "ZuFlushDebug" : "ZuFlushBinary");
   for (;;) {
     {
       std::unique_lock<std::mutex> lock(mWaitMutex);
