@@ -18,6 +18,11 @@ for preset in plain asan tsan; do
   ctest --preset "$preset" -j "$jobs"
 done
 
+echo "== platform headers =="
+cmake --preset platform-headers >/dev/null
+cmake --build --preset platform-headers -j "$jobs"
+ctest --preset platform-headers
+
 echo "== fuzzing (bounded) =="
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$jobs"

@@ -49,7 +49,9 @@ std::string allLogText(const std::string& dir = kDir) {
 }
 
 ZuDebugInterface* facade() { return ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug); }
-ZuDegbugOfflineLogger* logger() { return ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType::Debug); }
+ZuDegbugOfflineLogger* debugLogger() {
+  return ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType::Debug);
+}
 
 void logNumbered(int thread, int number) {
   Log::logSystem(64, "I", "stress.cpp", "run", 1, "T%d %d", thread, number);
@@ -105,23 +107,23 @@ ZU_CHILD_TEST(OfflineLogger, FacadeAndSessionsChild) {
   EXPECT_TRUE(debug->isEnabled() && ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)->isEnabled());
   EXPECT_EQ(debug->isExtended(), std::string(getenv("MASK")) == "5");
   EXPECT_EQ(threadCount(), 3u) << "one flush thread per instance";
-  EXPECT_FALSE(logger()->setFlushTriggerLink(nullptr));
+  EXPECT_FALSE(debugLogger()->setFlushTriggerLink(nullptr));
 
   logNumbered(0, 0);  // not started: dropped without taking memory
-  EXPECT_EQ(logger()->getStatus(), ZuDegbugOfflineLogger::kStatusStopped);
+  EXPECT_EQ(debugLogger()->getStatus(), ZuDegbugOfflineLogger::kStatusStopped);
   ASSERT_EQ(debug->startOfflineLogger(), 0);
   ASSERT_EQ(debug->startOfflineLogger(), 0);
   EXPECT_EQ(countSubstr(readFile("logcat.txt"), "mMemoryLogPool: 16"), 1u) << "started once";
   logNumbered(0, 1);
   std::thread([] { logNumbered(1, 1); }).join();
   debug->stopOfflineLogger();
-  EXPECT_EQ(logger()->getSessionCount(), 2u);
+  EXPECT_EQ(debugLogger()->getSessionCount(), 2u);
   logNumbered(0, 2);  // stopped: dropped again
   // A new session: the surviving thread takes a fresh queue in the new pool.
   ASSERT_EQ(debug->startOfflineLogger(), 0);
   logNumbered(0, 3);
   debug->flushLogToFileInterface(true);
-  EXPECT_TRUE(logger()->isEnableOfflinelogger()) << "a forced flush through the facade re-activates";
+  EXPECT_TRUE(debugLogger()->isEnableOfflinelogger()) << "a forced flush through the facade re-activates";
   logNumbered(0, 4);
   debug->stopOfflineLogger();
   debug->stopOfflineLogger();
@@ -135,7 +137,7 @@ ZU_CHILD_TEST(OfflineLogger, FacadeAndSessionsChild) {
   // Bounded flushes in a new session: refused at once while the caller holds the
   // control mutex; while another thread holds it they give up at the deadline.
   ASSERT_EQ(debug->startOfflineLogger(), 0);
-  EXPECT_FALSE(logger()->isHeldByCurrentThread());
+  EXPECT_FALSE(debugLogger()->isHeldByCurrentThread());
   const char line[] = "bounded line\n";
   const auto in = [](int ms) { return std::chrono::steady_clock::now() + std::chrono::milliseconds(ms); };
   debug->addLogInterface(line, sizeof(line) - 1);
@@ -154,7 +156,7 @@ ZU_CHILD_TEST(OfflineLogger, FacadeAndSessionsChild) {
   holder.join();
   EXPECT_TRUE(debug->flushLogToFileInterfaceUntil(true, in(1000)));
   EXPECT_EQ(countSubstr(allLogText(), "bounded line\n"), 1u);
-  EXPECT_TRUE(logger()->isEnableOfflinelogger());
+  EXPECT_TRUE(debugLogger()->isEnableOfflinelogger());
 }
 
 TEST(OfflineLogger, FacadeAndSessions) {
@@ -209,7 +211,7 @@ ZU_CHILD_TEST(OfflineLogger, LinesChild) {
   const bool fails = getenv("START") != nullptr;
   for (int i = 0; i <= fails; ++i) ASSERT_EQ(facade()->startOfflineLogger() != 0, fails);
   EXPECT_EQ(facade()->isStarted(), !fails);
-  EXPECT_EQ(logger()->getStatus() == ZuDegbugOfflineLogger::kStatusStopped, fails);
+  EXPECT_EQ(debugLogger()->getStatus() == ZuDegbugOfflineLogger::kStatusStopped, fails);
   std::atomic<bool> running{true};
   std::vector<std::thread> threads;
   for (int t = 0; t < count; ++t)
@@ -276,7 +278,7 @@ ZU_CHILD_TEST(OfflineLogger, ThreadExitHandOverChild) {
   ASSERT_EQ(facade()->startOfflineLogger(), 0);
   for (int t = 0; t < 7; ++t) std::thread([t] { logNumbered(t, 0); }).join();
   // Seven waiting queues: a normal flush leaves them in memory.
-  EXPECT_EQ(logger()->flushLogToFile(false), 0);
+  EXPECT_EQ(debugLogger()->flushLogToFile(false), 0);
   EXPECT_EQ(allLogText(), "");
   std::thread([] { logNumbered(7, 0); }).join();
   // The flush thread was woken; give it plenty of time.
