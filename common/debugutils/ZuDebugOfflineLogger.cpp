@@ -315,6 +315,7 @@ int ZuDegbugOfflineLogger::allocateLogQueueMemPool() {
     if (durable && chunk.fileChunk < 0)
       ZU_DBG_LOGE("OfflineLogger queue file %s cannot grow (%s): new queues kept in process memory only",
                   mState->mPoolFile->path().c_str(), why.c_str());
+    const int first = static_cast<int>(mState->mMemoryLogPool.size());
     for (uint32_t i = 0; i < pool::kBlocksPerChunk; ++i) {
       mState->mMemoryLogPool.push_back(chunk.block(i));
       mState->mBlockDesc.push_back(chunk.desc(i));
@@ -322,8 +323,14 @@ int ZuDegbugOfflineLogger::allocateLogQueueMemPool() {
                                             ? -1
                                             : chunk.fileChunk * static_cast<int>(pool::kBlocksPerChunk) +
                                                   static_cast<int>(i));
-      mState->mFreeMemoryIndex.push_back(static_cast<int>(mState->mMemoryLogPool.size() - 1));
     }
+    // Taken from the back: the chunk's first block first.
+    for (int i = static_cast<int>(pool::kBlocksPerChunk) - 1; i >= 0; --i)
+      mState->mFreeMemoryIndex.push_back(first + i);
+    const size_t blocks = mState->mMemoryLogPool.size();
+    mState->mFreeMemoryIndex.reserve(blocks);
+    mState->mFreeRegisterId.reserve(blocks);
+    mState->mFlushRegisterId.reserve(blocks);
   }
   ZU_DBG_LOGI("mMemoryLogPool: %zu", mState->mMemoryLogPool.size());
   return result;
@@ -359,12 +366,12 @@ int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t thr
     lifetime.registerId = -1;
     return -1;
   }
-  const int block = mState->mFreeMemoryIndex.front();
-  mState->mFreeMemoryIndex.pop_front();
+  const int block = mState->mFreeMemoryIndex.back();
+  mState->mFreeMemoryIndex.pop_back();
   int registerId;
   if (!mState->mFreeRegisterId.empty()) {
-    registerId = mState->mFreeRegisterId.front();
-    mState->mFreeRegisterId.pop_front();
+    registerId = mState->mFreeRegisterId.back();
+    mState->mFreeRegisterId.pop_back();
   } else {
     mState->mPerLogInfoPool.push_back(std::make_unique<PerLogThreadInfo>());
     registerId = static_cast<int>(mState->mPerLogInfoPool.size() - 1);
@@ -610,7 +617,8 @@ bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result
 bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
   HeldLock<ZuOwnedPlainMutex> fileLock(mState->mFileMutex, deadline);
   if (!fileLock.held()) return false;
-  std::vector<std::pair<int, PerLogThreadInfo*>> batch;
+  std::vector<std::pair<int, PerLogThreadInfo*>>& batch = mState->mFlushBatch;  // ours under the file mutex
+  batch.clear();
   {
     HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
     if (!poolLock.held()) return false;
@@ -619,7 +627,6 @@ bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
       return true;
     }
     if (mState->mNeedFlushThreadCount.load() < kFlushThreshold) return true;
-    batch.reserve(mState->mFlushRegisterId.size());
     for (int id : mState->mFlushRegisterId)
       if (id >= 0 && id < static_cast<int>(mState->mPerLogInfoPool.size()))
         batch.emplace_back(id, mState->mPerLogInfoPool[id].get());
@@ -650,13 +657,13 @@ bool ZuDegbugOfflineLogger::forcedFlush(Deadline deadline, int* result) {
   }
   mState->mStatus.store(kStatusStopping);
   // Handed-over queues first, in hand-over order, then every queue still owned.
-  while (!mState->mFlushRegisterId.empty()) {
-    const int id = mState->mFlushRegisterId.front();
-    mState->mFlushRegisterId.pop_front();
+  // Nobody hands over meanwhile: that needs the pool mutex.
+  for (const int id : mState->mFlushRegisterId) {
     if (id < 0 || id >= static_cast<int>(mState->mPerLogInfoPool.size())) continue;
     writeRecordLocked(*mState->mPerLogInfoPool[id], true, true);
     recycleLocked(id, *mState->mPerLogInfoPool[id]);
   }
+  mState->mFlushRegisterId.clear();
   for (int id = 0; id < static_cast<int>(mState->mPerLogInfoPool.size()); ++id) {
     PerLogThreadInfo& record = *mState->mPerLogInfoPool[id];
     if (record.desc != nullptr && !record.bNeedFlush) writeRecordLocked(record, false, true);
@@ -994,8 +1001,9 @@ void ZuDegbugOfflineLogger::setAllToDefaultValue() {
   std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
   std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
   mState->mFreeMemoryIndex.clear();
-  for (int i = 0; i < static_cast<int>(mState->mMemoryLogPool.size()); ++i) {
+  for (int i = static_cast<int>(mState->mMemoryLogPool.size()) - 1; i >= 0; --i)
     mState->mFreeMemoryIndex.push_back(i);
+  for (int i = 0; i < static_cast<int>(mState->mMemoryLogPool.size()); ++i) {
     pool::BlockDesc* desc = mState->mBlockDesc[static_cast<size_t>(i)];
     pool::storeRelease(&desc->state, pool::kBlockFree);
     pool::storeRelease(&desc->used, 0);

@@ -132,9 +132,16 @@ struct ZuDegbugOfflineLogger::State {
   // Pool and queues.
   std::vector<uint8_t*> mMemoryLogPool;
   std::vector<std::unique_ptr<PerLogThreadInfo>> mPerLogInfoPool;
-  std::deque<int> mFreeMemoryIndex;
-  std::deque<int> mFreeRegisterId;
-  std::deque<int> mFlushRegisterId;
+  // Free blocks and record ids, taken from the back (the block freed last is taken
+  // first, while its pages are warm); queues waiting for the flush, in hand-over order.
+  // Vectors whose capacity only grows with the pool: taking and handing over queues
+  // allocates nothing.
+  std::vector<int> mFreeMemoryIndex;
+  std::vector<int> mFreeRegisterId;
+  std::vector<int> mFlushRegisterId;
+  // The normal flush's list of what it writes, reused; only ever touched under the file
+  // mutex (the flush walks it without the pool mutex).
+  std::vector<std::pair<int, PerLogThreadInfo*>> mFlushBatch;
   std::atomic<uint32_t> mStatus{ZuDegbugOfflineLogger::kStatusStopped};
   // Appends are taken from start until stop begins; forced flushes do not refuse them.
   std::atomic<bool> mAccepting{false};
