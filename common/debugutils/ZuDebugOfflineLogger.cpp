@@ -440,73 +440,60 @@ bool ZuDegbugOfflineLogger::requestFlushLogQueueUntil(int registerId, Deadline d
 }
 
 void ZuDegbugOfflineLogger::addLog(const char* line, unsigned int length) {
-  addLogImpl(threadRecord(), line, length, Clock::time_point::max());
-}
-
-void ZuDegbugOfflineLogger::addLog(ThreadRecord& thread, const char* line, unsigned int length) {
-  addLogImpl(thread, line, length, Clock::time_point::max());
-}
-
-namespace {
-
-// Copies a line behind the thread's last one and publishes it: the block's durable
-// count moves only once the whole line is there.
-inline void copyLine(threadLocalInfo& local, const char* line, unsigned int length) {
-  memcpy(local.queueAddress + local.offset, line, length);
-  local.offset += length;
-  local.bytesSinceReset += length;
-  // The counters are the owner's alone while it holds the shared side of the pool lock.
-  local.record->usedSize = local.offset;
-  local.record->writtenTotal = local.bytesSinceReset;
-  pool::storeRelease(&local.desc->used, local.offset);
-}
-
-}  // namespace
-
-ZuDegbugOfflineLogger::AppendResult ZuDegbugOfflineLogger::addLogImpl(ThreadRecord& thread, const char* line,
-                                                                      unsigned int length,
-                                                                      Deadline deadline) {
-  if (!mState->mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
-  threadLocalInfo& local = thread.append[slotOf(mState->mZuOfflineLoggerType)];
-  // Re-entered from a signal handler in the middle of this thread's own append.
-  if (local.inAppend) return AppendResult::Blocked;
-  if (line == nullptr || length == 0) return AppendResult::Done;
+  if (line == nullptr || length == 0) return;
   if (length > kBlockSize) {
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog",
                       "OfflineLogger line of %u bytes does not fit a queue, dropped", length);
-    return AppendResult::Done;
+    return;
   }
+  ThreadRecord& thread = threadRecord();
+  uint8_t* room = openAppend(thread, length, line);
+  if (room == nullptr) return;
+  memcpy(room, line, length);
+  closeAppend(thread, length);
+}
+
+uint8_t* ZuDegbugOfflineLogger::openAppend(ThreadRecord& thread, unsigned int room, const void* source) {
+  if (!mState->mAccepting.load(std::memory_order_acquire)) return nullptr;
+  threadLocalInfo& local = thread.append[slotOf(mState->mZuOfflineLoggerType)];
+  // Re-entered from a signal handler in the middle of this thread's own append.
+  if (local.inAppend) return nullptr;
   const unsigned stripe = stripeOf(thread);
-  if (!mState->mPoolLock.lockShared(stripe, deadline)) return AppendResult::Blocked;
-  struct Leave {
-    ZuPoolLock& lock;
-    threadLocalInfo& local;
-    unsigned stripe;
-    bool alone;
-    ~Leave() {
-      local.inAppend = false;
-      if (alone)
-        lock.unlockOwnShared(stripe);
-      else
-        lock.unlockShared(stripe);
-    }
-  } leave{mState->mPoolLock, local, stripe, thread.stripeAlone};
+  if (!mState->mPoolLock.lockShared(stripe)) return nullptr;
   local.inAppend = true;
   // Stop drains appends through the pool lock: past this test a line is always kept.
-  if (!mState->mAccepting.load(std::memory_order_acquire)) return AppendResult::Done;
-
-  QueueStep step;
-  if (!chooseQueueStep(local, length, deadline, &step)) return AppendResult::Blocked;
-  if (step != QueueStep::Keep && !takeFreshQueue(local, step == QueueStep::HandOver, deadline))
-    return AppendResult::Blocked;
-  if (local.queueAddress == nullptr) {
+  QueueStep step = QueueStep::Keep;
+  if (mState->mAccepting.load(std::memory_order_acquire) &&
+      chooseQueueStep(local, room, Clock::time_point::max(), &step) &&
+      (step == QueueStep::Keep ||
+       takeFreshQueue(local, step == QueueStep::HandOver, Clock::time_point::max()))) {
+    if (local.queueAddress != nullptr) return local.queueAddress + local.offset;
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "memoryAddressToWrite is %p inputlog address is %p!",
-                      static_cast<void*>(local.queueAddress), static_cast<const void*>(line));
+                      static_cast<void*>(local.queueAddress), source);
     mState->mDroppedLines.fetch_add(1, std::memory_order_relaxed);
-    return AppendResult::Done;
   }
-  copyLine(local, line, length);
-  return AppendResult::Done;
+  leaveAppend(thread, local);
+  return nullptr;
+}
+
+void ZuDegbugOfflineLogger::closeAppend(ThreadRecord& thread, unsigned int length) {
+  threadLocalInfo& local = thread.append[slotOf(mState->mZuOfflineLoggerType)];
+  // The block's durable count moves only once the whole line is there. The counters are
+  // the owner's alone while it holds the shared side of the pool lock.
+  local.offset += length;
+  local.bytesSinceReset += length;
+  local.record->usedSize = local.offset;
+  local.record->writtenTotal = local.bytesSinceReset;
+  pool::storeRelease(&local.desc->used, local.offset);
+  leaveAppend(thread, local);
+}
+
+void ZuDegbugOfflineLogger::leaveAppend(ThreadRecord& thread, threadLocalInfo& local) {
+  local.inAppend = false;
+  if (thread.stripeAlone)
+    mState->mPoolLock.unlockOwnShared(thread.stripe - 1);
+  else
+    mState->mPoolLock.unlockShared(thread.stripe - 1);
 }
 
 // Whether the thread goes on in its queue, needs a fresh one (first line, a restart, a
@@ -576,7 +563,12 @@ bool ZuDegbugOfflineLogger::takeFreshQueue(threadLocalInfo& local, bool handOver
     const size_t n =
         formatDiagnosticLine(notice, sizeof(notice), "E", zuBaseName(__FILE__), "addLog", __LINE__,
                              "OfflineLogger dropped %u lines: no queue memory could be had", dropped);
-    copyLine(local, notice, static_cast<unsigned int>(n));
+    memcpy(local.queueAddress, notice, n);
+    local.offset = static_cast<uint32_t>(n);
+    local.bytesSinceReset += static_cast<uint32_t>(n);
+    local.record->usedSize = local.offset;
+    local.record->writtenTotal = local.bytesSinceReset;
+    pool::storeRelease(&local.desc->used, local.offset);
   }
   return true;
 }

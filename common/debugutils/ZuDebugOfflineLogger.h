@@ -65,9 +65,14 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   int allocateLogQueueMemPool();
   int requestNewLogQueue(uint8_t*& queue, uint32_t threadId);
   void addLog(const char* line, unsigned int length);
-  // The same, for a caller that already holds the calling thread's record (the line
-  // emitter).
-  void addLog(ThreadRecord& thread, const char* line, unsigned int length);
+  // A line written in place: room for up to `room` bytes in the calling thread's queue
+  // (`thread` is its record), or null when nothing is kept (not accepting lines, the
+  // thread is inside an append already, as a signal handler is, or no queue memory could
+  // be had: counted and told in the next block). Until closeAppend publishes `length`
+  // bytes of it, the thread holds the shared side of the pool lock. `source` is only
+  // named in the diagnostic line.
+  uint8_t* openAppend(ThreadRecord& thread, unsigned int room, const void* source);
+  void closeAppend(ThreadRecord& thread, unsigned int length);
   void requestFlushLogQueue(int registerId);
 
   // Files.
@@ -119,8 +124,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   explicit ZuDegbugOfflineLogger(ZuOfflineLoggerType type);
   ~ZuDegbugOfflineLogger();
 
-  enum class AppendResult { Done, Blocked };
-  AppendResult addLogImpl(ThreadRecord& thread, const char* line, unsigned int length, Deadline deadline);
+  void leaveAppend(ThreadRecord& thread, threadLocalInfo& local);
   enum class QueueStep { Keep, Fresh, HandOver };
   bool chooseQueueStep(threadLocalInfo& local, unsigned int length, Deadline deadline, QueueStep* step);
   bool takeFreshQueue(threadLocalInfo& local, bool handOver, Deadline deadline);

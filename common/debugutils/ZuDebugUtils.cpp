@@ -120,24 +120,32 @@ bool escalationWanted() {
   return mode == 1 || mode == 3;
 }
 
-// One line of either form (`site` null: the line carries only its group): formatted,
-// kept in the offline log, errors kept apart and escalated.
+// One line of either form (`site` null: the line carries only its group): formatted
+// straight into the thread's queue, errors kept apart and escalated.
 void emitLine(unsigned int group, const char* level, const line::Site* site, const char* fmt, va_list ap) {
   ThreadRecord& thread = threadRecord();
-  char buf[kLineSize];
+  const bool isError = isErrorLevel(level);
+  // Lines that name their site are queued only while the debug mask is set; their
+  // errors are kept apart even while it is not.
+  const bool queue = site == nullptr || zuDebugMask() != 0;
+  // Not asked for before it is needed: lines logged while the library loads must not
+  // make the instance before the masks are read.
+  ZuDebugInterface* facade = queue ? ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug) : nullptr;
+  char own[kLineSize];
+  uint8_t* queued = facade != nullptr ? facade->openAppendInterface(thread, kLineSize) : nullptr;
+  char* buf = queued != nullptr ? reinterpret_cast<char*>(queued) : own;
   size_t p;
   const size_t used = beginLine(thread, buf, level, group, site, &p);
   const size_t n = finishLine(buf, used, fmt, ap);
-
-  const bool isError = isErrorLevel(level);
-  if (site != nullptr) {
-    // Error lines are kept apart even while offline logging is off.
-    if (isError) ZuDebugInterface::appendErrorInfo(buf);
-    if (zuDebugMask() == 0) return;
+  if (queued != nullptr) {
+    // What errors need of the line stays here: the queue is the flush thread's once
+    // the line is published.
+    if (isError) memcpy(own, buf, n + 2);  // the text, "\n" and the zero behind it
+    facade->closeAppendInterface(thread, static_cast<unsigned int>(n + 1));
+    buf = own;
   }
-  ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug)
-      ->addLogInterface(thread, buf, static_cast<unsigned int>(n + 1));
-  if (!isError || !escalationWanted()) return;
+  if (site != nullptr && isError) ZuDebugInterface::appendErrorInfo(buf);
+  if (!queue || !isError || !escalationWanted()) return;
   char report[kReportSize];
   memset(report, 0, sizeof(report));
   if (site != nullptr) {
@@ -307,8 +315,12 @@ void ZuDebugInterface::addLogInterface(const char* line, unsigned int length) {
   if (mEnabled) mLogger->addLog(line, length);
 }
 
-void ZuDebugInterface::addLogInterface(ThreadRecord& thread, const char* line, unsigned int length) {
-  if (mEnabled) mLogger->addLog(thread, line, length);
+uint8_t* ZuDebugInterface::openAppendInterface(ThreadRecord& thread, unsigned int room) {
+  return mEnabled ? mLogger->openAppend(thread, room, nullptr) : nullptr;
+}
+
+void ZuDebugInterface::closeAppendInterface(ThreadRecord& thread, unsigned int length) {
+  mLogger->closeAppend(thread, length);
 }
 
 void ZuDebugInterface::flushLogToFileInterface(bool force) {

@@ -93,9 +93,10 @@ class ZUDEBUG_EXPORT ZuDebugInterface {
   int startOfflineLogger();
   void stopOfflineLogger();
   void addLogInterface(const char* line, unsigned int length);
-  // The same from the library's line emitter, which already holds the calling thread's
-  // record.
-  void addLogInterface(ThreadRecord& thread, const char* line, unsigned int length);
+  // The library's line emitter writes its lines in place (see
+  // ZuDegbugOfflineLogger::openAppend); null when this instance keeps nothing.
+  uint8_t* openAppendInterface(ThreadRecord& thread, unsigned int room);
+  void closeAppendInterface(ThreadRecord& thread, unsigned int length);
   void flushLogToFileInterface(bool force);
   void signalOfflineLoggerThread();
   void requestOfflineLogThreadProcessing();
