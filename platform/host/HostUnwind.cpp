@@ -305,8 +305,14 @@ const VdsoImage& vdsoImage() {
     for (unsigned i = 0; i < eh->e_phnum; ++i)
       if (ph[i].p_type == PT_LOAD && ph[i].p_offset == 0)
         end = std::max(end, static_cast<size_t>(ph[i].p_filesz));
+    // The kernel maps the whole image in pages, with the section headers behind the
+    // loaded part.
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t mapped = (end + page - 1) / page * page;
+    const size_t sections =
+        static_cast<size_t>(eh->e_shoff) + static_cast<size_t>(eh->e_shnum) * eh->e_shentsize;
     v.start = ehdr;
-    v.size = end;
+    v.size = sections <= mapped ? std::max(end, sections) : end;
     return v;
   }();
   return image;

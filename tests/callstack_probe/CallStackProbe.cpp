@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <utils/CallStack.h>
@@ -89,6 +90,26 @@ __attribute__((noinline)) int recurse(int n) {
   return r + 1;
 }
 
+#if defined(__x86_64__)
+// Called back from code in memory that is no file: "sub $8,%rsp; call *%rsi;
+// add $8,%rsp; ret", the way generated code would call.
+void fromGeneratedCode() {
+  static const unsigned char kCode[] = {0x48, 0x83, 0xec, 0x08, 0xff, 0xd6, 0x48, 0x83, 0xc4, 0x08, 0xc3};
+  void* mem = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mem == MAP_FAILED) return;
+  memcpy(mem, kCode, sizeof(kCode));
+  if (mprotect(mem, 4096, PROT_READ | PROT_EXEC) != 0) return;
+  auto run = reinterpret_cast<void (*)(int, void (*)())>(mem);
+  run(0, [] {
+    android::CallStack stack;
+    stack.update(2);
+    section("from generated code");
+    printStack(stack, "");
+  });
+  munmap(mem, 4096);
+}
+#endif
+
 void onSegv(int, siginfo_t*, void*) {
   android::CallStack stack;
   stack.update(2);
@@ -142,6 +163,9 @@ int main(int argc, char** argv) {
     for (int depth = 0; depth <= 3; ++depth) outer(captureAt, depth);
     outer(printedEveryWay, 0);
     recurse(300);
+#if defined(__x86_64__)
+    fromGeneratedCode();
+#endif
   } else if (strcmp(scenario, "signal") == 0) {
     struct sigaction sa;
     memset(&sa, 0, sizeof(sa));

@@ -121,6 +121,10 @@ bool parseFrame(const std::string& line, Frame* f) {
   const size_t moduleAt = digits + 22;
   const size_t paren = line.find(" (", moduleAt);
   f->module = line.substr(moduleAt, paren == npos ? npos : paren - moduleAt);
+  // Memory that is no file is named by where it was mapped, which differs by run.
+  const size_t colon = f->module.rfind(':');
+  if (colon != npos && (f->module[0] == '<' || f->module[0] == '['))
+    f->module = f->module.substr(0, colon + 1) + "<start>" + f->module.back();
   f->function.clear();
   f->offset.clear();
   if (paren != npos && line.back() == ')') {
@@ -244,8 +248,8 @@ std::vector<Frame> framesOf(const Run& run, const std::string& section) {
 }  // namespace
 
 // The calling thread at every depth (the platform counts its unwinder's frame and
-// update() itself before the caller), printed every way, and a stack deeper than the
-// 256 frames either keeps.
+// update() itself before the caller), printed every way, a stack deeper than the 256
+// frames either keeps, and a call from generated code (memory that is no file).
 TEST(CallStackAgainstPlatform, CurrentThread) {
   auto [host, platform] = runBoth("current");
   compareRuns(host, platform);
@@ -255,6 +259,11 @@ TEST(CallStackAgainstPlatform, CurrentThread) {
   EXPECT_EQ(at2[1].function, "probe::leaf(void (*)(int), int)");
   EXPECT_EQ(framesOf(platform, "update(1)")[0].function, "android::CallStack::update(int, int)");
   EXPECT_EQ(platform.sections.at("deep")[0], "size 256");
+  if (platform.sections.count("from generated code") != 0) {
+    const std::vector<Frame> generated = framesOf(platform, "from generated code");
+    ASSERT_EQ(generated.size(), 2u);
+    EXPECT_EQ(generated[1].module, "<anonymous:<start>>");
+  }
   EXPECT_FALSE(platform.log.empty());
 }
 
