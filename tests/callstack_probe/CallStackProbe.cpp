@@ -148,8 +148,19 @@ pthread_t startThread(void* (*fn)(void*), const char* name, std::atomic<pid_t>* 
   if (pthread_create(&thread, nullptr, fn, nullptr) != 0) abort();
   pthread_setname_np(thread, name);
   while (tid->load() == 0) usleep(1000);
-  // Until it sits in pause(), past its name being set.
-  usleep(20000);
+  // Until it sleeps where it waits (the kernel reports it "S"), past its name being set.
+  char path[64];
+  snprintf(path, sizeof(path), "/proc/self/task/%d/stat", static_cast<int>(tid->load()));
+  for (int tries = 0; tries < 5000; ++tries) {
+    char stat[512] = "";
+    if (FILE* f = fopen(path, "r")) {
+      if (fgets(stat, sizeof(stat), f) == nullptr) stat[0] = '\0';
+      fclose(f);
+    }
+    const char* state = strrchr(stat, ')');
+    if (state != nullptr && state[1] == ' ' && state[2] == 'S') break;
+    usleep(1000);
+  }
   return thread;
 }
 
