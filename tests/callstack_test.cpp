@@ -1,7 +1,12 @@
 // Call stacks: host CallStack / ProcessCallStack capture and symbolisation, and the
 // dump functions that turn stack lines into log lines.
+#include <dlfcn.h>
+#include <errno.h>
+#include <limits.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -85,10 +90,25 @@ unsigned long long checkFrame(const std::string& line, size_t index, const std::
 
 }  // namespace
 
+// Whether the module-relative `pc` of the module at `bias` lies in a direct call
+// instruction: the shown pc of a return address is taken back into its call.
+bool inCallInstruction(uintptr_t bias, unsigned long long pc) {
+  const auto* at = reinterpret_cast<const unsigned char*>(bias + pc);
+#if defined(__x86_64__)
+  return at[-4] == 0xe8;  // call rel32: the return address is 5 bytes on, pc 1 back from it
+#elif defined(__aarch64__)
+  uint32_t insn;
+  memcpy(&insn, at, sizeof(insn));
+  return (insn & 0xfc000000u) == 0x94000000u;  // bl
+#else
+#error "no call instruction check for this architecture"
+#endif
+}
+
 TEST(CallStack, CurrentThreadFramesAreNumberedModuleRelativeAndNamed) {
   struct stat exe;
   ASSERT_EQ(0, stat("/proc/self/exe", &exe));
-  std::vector<std::string> lines = middleFrame(1, "");
+  std::vector<std::string> lines = middleFrame(2, "");
   ASSERT_GE(lines.size(), 4u);
   for (size_t i = 0; i < lines.size(); ++i) checkFrame(lines[i], i);
   // Hidden-visibility functions of this program are named from its symbol table,
@@ -97,20 +117,38 @@ TEST(CallStack, CurrentThreadFramesAreNumberedModuleRelativeAndNamed) {
   EXPECT_NE(lines[0].find(" ((anonymous namespace)::captureHere(int, char const*)+"), npos) << lines[0];
   EXPECT_NE(lines[1].find(" ((anonymous namespace)::middleFrame(int, char const*)+"), npos) << lines[1];
   EXPECT_NE(lines[2].find("_Test::TestBody()+"), npos) << lines[2];
+  // Return addresses are shown in their call instructions.
+  Dl_info info;
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(&middleFrame), &info), 0);
+  EXPECT_TRUE(inCallInstruction(reinterpret_cast<uintptr_t>(info.dli_fbase), checkFrame(lines[1], 1)))
+      << lines[1];
+  // Modules by their real paths.
+  char exePath[PATH_MAX];
+  ASSERT_NE(realpath("/proc/self/exe", exePath), nullptr);
+  const std::string program = std::string(" ") + exePath;
+  EXPECT_NE(lines[1].find(program + " ("), npos) << lines[1];
 
-  // The depth counts from update() itself; the prefix goes before every line.
+  // As the platform counts: frame 0 is inside the unwinder, frame 1 update() itself;
+  // the prefix goes before every line.
   lines = middleFrame(0, nullptr);
-  ASSERT_FALSE(lines.empty());
+  ASSERT_GE(lines.size(), 2u);
   checkFrame(lines[0], 0);
+  EXPECT_EQ(lines[0].find(program), npos) << lines[0];
+  EXPECT_EQ(lines[0].find("update"), npos) << lines[0];
+  EXPECT_NE(lines[1].find(" (android::CallStack::update(int, int)+"), npos) << lines[1];
+  lines = middleFrame(1, nullptr);
+  ASSERT_FALSE(lines.empty());
   EXPECT_NE(lines[0].find(" (android::CallStack::update(int, int)+"), npos) << lines[0];
-  lines = middleFrame(2, ">> ");
+  lines = middleFrame(3, ">> ");
   ASSERT_FALSE(lines.empty());
   for (size_t i = 0; i < lines.size(); ++i) checkFrame(lines[i], i, ">> ");
   EXPECT_NE(lines[0].find("::middleFrame("), npos) << lines[0];
 }
 
-// Another thread is unwound in its own code and carries on; a thread that blocks every
-// signal, and one that does not exist, give no frames instead of a hang.
+// Another thread is unwound in its own code and carries on; a thread that does not
+// exist gives no frames. The process dump has every thread under its name, with a
+// thread that blocks every signal given up on after the platform's wait, without
+// frames; each failure is a warning of the platform's.
 TEST(CallStack, OtherThreadsOneByOneAndAsAProcess) {
   ParkedThread alpha("zu-alpha"), deaf("zu-deaf", true);
   android::CallStack stack;
@@ -120,8 +158,6 @@ TEST(CallStack, OtherThreadsOneByOneAndAsAProcess) {
   EXPECT_EQ(text.find("CallStack::update"), npos) << "frames of the asking thread";
   const int before = alpha.beats.load();
   while (alpha.beats.load() < before + 3) usleep(1000);
-  stack.update(0, deaf.tid);
-  EXPECT_EQ(stack.size(), 0u);
   stack.update(0, 0x3ffffff0);
   EXPECT_EQ(stack.size(), 0u);
 
@@ -130,8 +166,15 @@ TEST(CallStack, OtherThreadsOneByOneAndAsAProcess) {
   EXPECT_GE(process.size(), 3u);  // this thread and the two above
   text = process.toString().c_str();
   const std::string pid = std::to_string(getpid());
-  EXPECT_EQ(text.rfind("\n----- pid " + pid + " at ", 0), 0u) << text.substr(0, 80);
-  EXPECT_NE(text.find("\n\n----- end " + pid + " -----\n"), npos);
+  EXPECT_EQ(text.rfind("\n\n----- pid " + pid + " at ", 0), 0u) << text.substr(0, 80);
+  EXPECT_NE(text.find("\nCmd line: "), npos);
+  const std::string end = "\n\n----- end " + pid + " -----\n\n";
+  EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end);
+  // This thread's own frames start at the process update.
+  const std::string self =
+      "\"" + std::string(program_invocation_short_name).substr(0, 15) + "\" sysTid=" + pid;
+  EXPECT_NE(text.find(self + "\n  #00 pc "), npos) << text;
+  EXPECT_NE(text.find("(android::ProcessCallStack::update()+"), npos) << text;
   // Each thread under its name, with its frames; none for the one that blocks signals.
   const size_t at = text.find("\"zu-alpha\" sysTid=" + std::to_string(alpha.tid) + "\n  #00 pc ");
   ASSERT_NE(at, npos) << text;

@@ -2,6 +2,7 @@
 // ended, the record in the offline files, and what the previous handler saw.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -288,12 +289,44 @@ Lines errorLines(const Lines& logcat, const std::string& function) {
 
 const char kStars[] = " F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***";
 
-// The `count` crash records in `log`, each checked: its time stamp byte for byte, the
-// four header lines (the fault address a bare hexadecimal number or "(nil)"), then
-// frame lines "#01" on without gaps, so that a frame split at a "#" in its name, two
-// frames run together or another record's lines in between break the count; one of
-// them names `function`. Only a crash on another thread has a tid other than the pid,
-// and a lambda's frame ("#" in its name). Returns the records' thread ids.
+// A return address is shown taken back into its call instruction, and so is the pc a
+// signal interrupted: by this much.
+#if defined(__aarch64__)
+constexpr unsigned long long kPcTakenBack = 4;
+#else
+constexpr unsigned long long kPcTakenBack = 1;
+#endif
+
+// Where the crash functions lie in this program, relative to it as frames show them.
+unsigned long long programOffset(const void* code) {
+  Dl_info info;
+  if (dladdr(code, &info) == 0) return 0;
+  return reinterpret_cast<uintptr_t>(code) - reinterpret_cast<uintptr_t>(info.dli_fbase);
+}
+unsigned long long crashCodeAt(const std::string& function) {
+  const struct {
+    const char* name;
+    const void* code;
+  } kCode[] = {{"crashBySegv()", reinterpret_cast<const void*>(crashBySegv)},
+               {"crashByFpe()", reinterpret_cast<const void*>(crashByFpe)},
+               {"crashByIll()", reinterpret_cast<const void*>(crashByIll)},
+               {"crashByTrap()", reinterpret_cast<const void*>(crashByTrap)},
+               {"crashByBus()", reinterpret_cast<const void*>(crashByBus)},
+               {"overflowStack(int)", reinterpret_cast<const void*>(overflowStack)},
+               {"crashInDebugFileWrite()", reinterpret_cast<const void*>(crashsite::crashInDebugFileWrite)}};
+  for (const auto& c : kCode)
+    if (function == c.name) return programOffset(c.code);
+  return 0;
+}
+
+// "#NN pc <pc>  <module> (...)": the pc and the module.
+bool framePcAndModule(const std::string& line, unsigned long long* pc, std::string* module) {
+  char path[512];
+  if (sscanf(line.c_str(), "#%*d pc %llx %511s", pc, path) != 2) return false;
+  *module = path;
+  return true;
+}
+
 std::vector<int> expectRecords(const std::string& log, size_t count, const std::string& signalLine,
                                const std::string& function, bool otherThread, bool lambdaFrame) {
   std::vector<int> tids;
@@ -335,6 +368,32 @@ std::vector<int> expectRecords(const std::string& log, size_t count, const std::
       EXPECT_EQ(lines[i].rfind(expect, 0), 0u) << lines[i];
       named = named || lines[i].find("::" + function) != npos;
       lambda = lambda || lines[i].find("::{lambda()#") != npos;
+      // Never a frame of the catcher or of the call stack it asks.
+      for (const char* own : {"SignalCatcher", "CallStack::", "hostunwind"})
+        EXPECT_EQ(lines[i].find(own), npos) << lines[i];
+    }
+    // #01 is the signal frame, outside this program and the library; #02 the frame
+    // the signal interrupted. When that is a crash function of this program, its pc,
+    // taken back as a return address's is, lies in it (at its very first byte the pc
+    // falls before it and the frame names the function before).
+    unsigned long long pc1 = 0, pc2 = 0;
+    std::string module1, module2;
+    char self[PATH_MAX] = "";
+    EXPECT_NE(realpath("/proc/self/exe", self), nullptr);
+    if (function == "TestBody()") {
+      // The catcher called straight, without a signal: its caller comes first.
+    } else if (framePcAndModule(lines[4], &pc1, &module1) && framePcAndModule(lines[5], &pc2, &module2)) {
+      EXPECT_NE(module1, self) << lines[4];
+      EXPECT_EQ(module1.find("libzudebug"), npos) << lines[4];
+      const unsigned long long code = crashCodeAt(function);
+      if (module2 == self && code != 0) {
+        EXPECT_GE(pc2 + kPcTakenBack, code) << lines[5];
+        EXPECT_LT(pc2 + kPcTakenBack, code + 256) << lines[5];
+        EXPECT_TRUE(lines[5].find("::" + function) != npos || pc2 + kPcTakenBack == code) << lines[5];
+        named = true;
+      }
+    } else {
+      ADD_FAILURE() << "no signal frame and frame after it: " << lines[4];
     }
     EXPECT_TRUE(named) << "no frame names " << function;
     EXPECT_EQ(pid != tid, otherThread);

@@ -118,7 +118,8 @@ TEST(LogToolCrash, RecordIsSymbolisedToFunctionsAndLines) {
   EXPECT_NE(faultText.find("      storeSample at " + storeAt + ":"), npos) << faultText;
   EXPECT_NE(faultText.find("(inlined by) (anonymous namespace)::fillBuffer(int) at " + inlinedAt + ":"), npos)
       << faultText;
-  // A return address is looked up one byte back: the call, not what follows it.
+  // A calling frame is shown at its call instruction and looked up there: the call,
+  // not what follows it.
   const size_t call = out.find(" at " + calledAt + ":");
   ASSERT_NE(call, npos) << out;
   EXPECT_NE(out.substr(out.rfind('\n', call), call - out.rfind('\n', call)).find("operator()"), npos) << out;

@@ -2,6 +2,7 @@
 
 #include <cutils/properties.h>
 #include <dirent.h>
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -14,6 +15,7 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
+#include <ucontext.h>
 #include <unistd.h>
 #include <utils/CallStack.h>
 #include <utils/String8.h>
@@ -1286,20 +1288,93 @@ char* nextFrameMark(char* from, const char* text) {
   return nullptr;
 }
 
-// One line per piece of the stack text between frame marks ("#"). The text before
-// the first mark and the catcher's own frame are left out; every other piece keeps
-// the newline that ended its frame.
-void addFrames(CrashRecord& record, char* text, const char* stamp) {
+// The pc the signal interrupted, from the context the kernel handed the handler;
+// 0 when there is none (the catcher called directly).
+uintptr_t interruptedPc(const void* context) {
+  const auto* uc = static_cast<const ucontext_t*>(context);
+  if (uc == nullptr) return 0;
+#if defined(__x86_64__)
+  return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_RIP]);
+#elif defined(__i386__)
+  return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_EIP]);
+#elif defined(__aarch64__)
+  return static_cast<uintptr_t>(uc->uc_mcontext.pc);
+#elif defined(__arm__)
+  return static_cast<uintptr_t>(uc->uc_mcontext.arm_pc);
+#else
+  return 0;
+#endif
+}
+
+// Where the module that holds `pc` is mapped; 0 when no module does.
+uintptr_t moduleStart(uintptr_t pc) {
+#if defined(DLFO_STRUCT_HAS_EH_DBASE)
+  struct dl_find_object found;  // no lock taken: the crash may have come with one held
+  if (_dl_find_object(reinterpret_cast<void*>(pc), &found) == 0)
+    return reinterpret_cast<uintptr_t>(found.dlfo_map_start);
+  return 0;
+#else
+  Dl_info info;
+  if (dladdr(reinterpret_cast<void*>(pc), &info) == 0) return 0;
+  return reinterpret_cast<uintptr_t>(info.dli_fbase);
+#endif
+}
+
+// The pc field of a frame line ("#NN pc <16 hex digits>  ..."), or false.
+bool framePc(const char* line, uintptr_t* pc) {
+  const char* field = strstr(line, " pc ");
+  if (field == nullptr || field - line > 8) return false;
+  char* end = nullptr;
+  unsigned long long v = strtoull(field + 4, &end, 16);
+  if (end != field + 20) return false;
+  *pc = static_cast<uintptr_t>(v);
+  return true;
+}
+
+// Index of the first frame of `text` the record shows: the signal frame, the one
+// just outside the frame the signal interrupted, which is found by its pc (as the
+// unwinder shows it, maybe taken back like a return address). Frames between this
+// function and the signal frame (a sanitizer's or a signal-chaining library's
+// handler calling this one) are left out. Without a context, or when no frame
+// matches, everything after this function's own frame 0.
+size_t firstRecordedFrame(const char* text, const void* context) {
+  const uintptr_t pc = interruptedPc(context);
+  if (pc == 0) return 1;
+  const uintptr_t rel = pc - moduleStart(pc);
+#if defined(__aarch64__)
+  constexpr uintptr_t kCallAdjust = 4;  // one instruction
+#else
+  constexpr uintptr_t kCallAdjust = 1;  // one byte
+#endif
+  size_t index = 0;
+  for (const char* line = text; line != nullptr && *line != '\0'; ++index) {
+    uintptr_t shown = 0;
+    if (index >= 2 && line[0] == '#' && framePc(line, &shown) && (shown == rel || shown + kCallAdjust == rel))
+      return index - 1;
+    line = strchr(line, '\n');
+    if (line != nullptr) ++line;
+  }
+  return 1;
+}
+
+// One line per piece of the stack text between frame marks ("#"), from frame `first`
+// on, numbered from #01. The text before the first mark and the frames before
+// `first` are left out; every other piece keeps the newline that ended its frame.
+void addFrames(CrashRecord& record, char* text, const char* stamp, size_t first) {
   char line[1024];
-  int piece = 0;
+  size_t piece = 0;
   for (char* p = text; p != nullptr;) {
     char* mark = nextFrameMark(p, text);
     if (mark != nullptr) *mark = '\0';
-    if (piece++ >= 2) {
-      int n = stamp != nullptr ? snprintf(line, sizeof(line), "%s F DEBUG   : #%s", stamp, p)
-                               : snprintf(line, sizeof(line), "F DEBUG   : #%s", p);
+    // Piece 0 is the text before frame #00.
+    if (piece >= first + 1) {
+      const char* rest = p + strspn(p, "0123456789");  // past the frame's own number
+      const size_t number = piece - first;
+      int n = stamp != nullptr ? snprintf(line, sizeof(line), "%s F DEBUG   : #%02zu%s", stamp, number, rest)
+                               : snprintf(line, sizeof(line), "F DEBUG   : #%02zu%s", number, rest);
       if (n > 0) record.add(line, std::min(static_cast<size_t>(n), sizeof(line) - 1));
     }
+    ++piece;
     p = mark != nullptr ? mark + 1 : nullptr;
   }
 }
@@ -1402,11 +1477,11 @@ void SignalCatcher(int signal, siginfo_t* info, void* context) {
     if (record == nullptr) ZU_DBG_LOGE("Signal %d: too many crashes at once, no record of this one", signal);
     if (record != nullptr && haveStamp) addHeader(*record, stamp, signal, info);
 
-    // Captured here, so that the first frame is this function.
+    // Captured here: as the platform counts, frame 0 is then this function.
     char text[4096];
     {
       android::CallStack stack;
-      stack.update(1, -1);
+      stack.update(2, -1);
       android::String8 rendered = stack.toString(nullptr);
       size_t len = std::min(rendered.length(), sizeof(text) - 1);
       memcpy(text, rendered.c_str(), len);
@@ -1415,7 +1490,8 @@ void SignalCatcher(int signal, siginfo_t* info, void* context) {
         while (len > 0 && text[len - 1] != '\n') --len;
       text[len] = '\0';
     }
-    if (record != nullptr) addFrames(*record, text, haveStamp ? stamp : nullptr);
+    if (record != nullptr)
+      addFrames(*record, text, haveStamp ? stamp : nullptr, firstRecordedFrame(text, context));
     keepAndFlush(record, deadline);
     if (record != nullptr) giveBackRecordBuffer(record);
     sCatchersInFlight.fetch_sub(1, std::memory_order_acq_rel);

@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 
 #include "HostUnwind.h"
@@ -66,19 +67,22 @@ CallStack::~CallStack() = default;
 
 void CallStack::clear() { mFrameLines.clear(); }
 
-// Frame 0 is this function itself, so 1 starts at its caller. Not inlined, and no
-// tail calls out of it, so that the count holds.
+// As the platform's: frame 0 is inside the unwinder, frame 1 this function, frame 2
+// its caller. Not inlined, and no tail calls out of it, so that the count holds.
 __attribute__((noinline)) void CallStack::update(int32_t ignoreDepth, pid_t tid) {
   clear();
   size_t skip = ignoreDepth > 0 ? static_cast<size_t>(ignoreDepth) : 0;
-  hostunwind::Frame frames[hostunwind::kMaxFrames];
+  std::unique_ptr<hostunwind::Frame[]> frames(new hostunwind::Frame[hostunwind::kMaxFrames]);
   size_t count = 0;
+  bool ok = true;
   if (tid < 0 || tid == currentTid()) {
-    count = hostunwind::captureCurrent(skip, frames, hostunwind::kMaxFrames);
+    // This frame is the unwinder's frame 1.
+    count = hostunwind::captureCurrent(skip, frames.get(), hostunwind::kMaxFrames);
   } else {
-    hostunwind::captureThread(tid, skip, frames, hostunwind::kMaxFrames, &count,
-                              hostunwind::kRemoteTimeoutMs);
+    ok = hostunwind::captureThread(tid, skip, frames.get(), hostunwind::kMaxFrames, &count,
+                                   hostunwind::kRemoteTimeoutMs) == hostunwind::RemoteResult::Ok;
   }
+  if (!ok) __android_log_print(ANDROID_LOG_WARN, "CallStack", "%s: Failed to unwind callstack.", "update");
   mFrameLines.reserve(count);
   for (size_t i = 0; i < count; ++i) mFrameLines.emplace_back(hostunwind::formatFrame(i, frames[i]).c_str());
   asm volatile("" ::: "memory");
@@ -122,8 +126,9 @@ ProcessCallStack::ProcessCallStack() : mTimeUpdated() {}
 ProcessCallStack::ProcessCallStack(const ProcessCallStack& rhs) = default;
 ProcessCallStack::~ProcessCallStack() = default;
 
-void ProcessCallStack::update() {
+__attribute__((noinline)) void ProcessCallStack::update() {
   mThreadMap.clear();
+  const long selfTid = static_cast<long>(currentTid());
   time_t now = time(nullptr);
   if (localtime_r(&now, &mTimeUpdated) == nullptr) mTimeUpdated = tm();
   DIR* dir = opendir("/proc/self/task");
@@ -134,9 +139,11 @@ void ProcessCallStack::update() {
     if (end == ent->d_name || *end != '\0' || tid <= 0) continue;
     ThreadInfo& info = mThreadMap[static_cast<pid_t>(tid)];
     info.threadName = hostunwind::threadName(static_cast<pid_t>(tid)).c_str();
-    info.callStack.update(0, static_cast<pid_t>(tid));
+    // This thread's own stack starts at this function, the others' where they were.
+    info.callStack.update(tid == selfTid ? 2 : 0, static_cast<pid_t>(tid));
   }
   closedir(dir);
+  asm volatile("" ::: "memory");  // keeps this frame: no tail call
 }
 
 void ProcessCallStack::log(const char* logtag, android_LogPriority priority, const char* prefix) const {
@@ -162,6 +169,7 @@ void ProcessCallStack::printInternal(Printer& printer, Printer& csPrinter) const
   }
   const int pid = static_cast<int>(getpid());
   printer.printLine("");
+  printer.printLine("");
   printer.printFormatLine("----- pid %d at %s -----", pid, timeText);
   printer.printFormatLine("Cmd line: %s", commandLine().c_str());
   for (const auto& entry : mThreadMap) {
@@ -172,6 +180,7 @@ void ProcessCallStack::printInternal(Printer& printer, Printer& csPrinter) const
   }
   printer.printLine("");
   printer.printFormatLine("----- end %d -----", pid);
+  printer.printLine("");
 }
 
 }  // namespace android

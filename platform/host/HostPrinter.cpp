@@ -140,13 +140,14 @@ void LogPrinter::printRaw(const char* string) {
 
 FdPrinter::FdPrinter(int fd, unsigned int indent, const char* prefix)
     : mFd(fd), mIndent(indent), mPrefix(prefix != nullptr ? prefix : "") {
-  snprintf(mFormatString, sizeof(mFormatString), "%%-%us%%s %%s\n", mIndent);
+  // The prefix left-aligned in a field `indent` wide, then the line.
+  snprintf(mFormatString, sizeof(mFormatString), "%%-%us%%s\n", mIndent);
 }
 
 void FdPrinter::printLine(const char* string) {
   if (string == nullptr) string = "";
   if (mFd < 0) return;
-  dprintf(mFd, mFormatString, "", mPrefix, string);
+  dprintf(mFd, mFormatString, mPrefix, string);
 }
 
 String8Printer::String8Printer(String8* target, const char* prefix)

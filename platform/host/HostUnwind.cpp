@@ -16,6 +16,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/auxv.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -44,6 +45,7 @@ struct BacktraceState {
   size_t max;
   size_t count;
   size_t skip;
+  bool lastStored;  // the frame before this one was stored
 };
 
 _Unwind_Reason_Code collectFrame(struct _Unwind_Context* ctx, void* arg) {
@@ -51,12 +53,16 @@ _Unwind_Reason_Code collectFrame(struct _Unwind_Context* ctx, void* arg) {
   int beforeInsn = 0;
   uintptr_t pc = _Unwind_GetIPInfo(ctx, &beforeInsn);
   if (pc == 0) return _URC_END_OF_STACK;
+  // A frame interrupted by a signal: the one before it is the signal trampoline.
+  if (beforeInsn != 0 && st->lastStored) st->out[st->count - 1].trampoline = true;
   if (st->skip > 0) {
     --st->skip;
+    st->lastStored = false;
     return _URC_NO_REASON;
   }
   if (st->count >= st->max) return _URC_END_OF_STACK;
-  st->out[st->count++] = Frame{pc, beforeInsn != 0};
+  st->out[st->count++] = Frame{pc, beforeInsn != 0, false, false};
+  st->lastStored = true;
   return _URC_NO_REASON;
 }
 
@@ -71,7 +77,8 @@ struct RemoteSlot {
   pid_t tid = 0;
   size_t skip = 0;
   size_t count = 0;
-  Frame frames[kMaxFrames];
+  // Room for the handler's own frames too: the unwind starts inside it.
+  Frame frames[kMaxFrames + 16];
 };
 
 RemoteSlot gSlot;
@@ -119,13 +126,14 @@ void remoteHandler(int, siginfo_t* info, void* ucv) {
   size_t count = 0;
   if (gSlot.tid == currentTid()) {
     // Unwind from here: this handler, the signal trampoline, then the interrupted
-    // code. Drop everything inside the signal frame.
-    Frame all[kMaxFrames + 16];
-    size_t n = captureCurrent(0, all, kMaxFrames + 16);
+    // code. Drop everything inside the signal frame; the slot holds the frames, not
+    // this stack, which may be a small alternate one.
+    constexpr size_t kRoom = sizeof(gSlot.frames) / sizeof(gSlot.frames[0]);
+    size_t n = captureCurrent(0, gSlot.frames, kRoom);
     uintptr_t pc = interruptedPc(ucv);
     size_t start = n;
     for (size_t i = 0; i < n; ++i) {
-      if (all[i].exact && (pc == 0 || all[i].pc == pc)) {
+      if (gSlot.frames[i].exact && (pc == 0 || gSlot.frames[i].pc == pc)) {
         start = i;
         break;
       }
@@ -135,8 +143,9 @@ void remoteHandler(int, siginfo_t* info, void* ucv) {
       // from its own code): keep what lies outside this handler.
       start = n > 0 ? 1 : 0;
     }
+    if (start < n) gSlot.frames[start].first = true;
     start += gSlot.skip;
-    for (size_t i = start; i < n && count < kMaxFrames; ++i) gSlot.frames[count++] = all[i];
+    for (size_t i = start; i < n && count < kMaxFrames; ++i) gSlot.frames[count++] = gSlot.frames[i];
   }
   gSlot.count = count;
   gSlot.word.store((expected & ~3u) | kDone, std::memory_order_release);
@@ -166,24 +175,6 @@ bool installRemoteHandler() {
   return installed;
 }
 
-// Reads /proc/self/task/<tid>/status: NoThread, Blocked or Ok.
-RemoteResult threadState(pid_t tid, int sig) {
-  char path[64];
-  snprintf(path, sizeof(path), "/proc/self/task/%d/status", static_cast<int>(tid));
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return RemoteResult::NoThread;
-  char buf[4096];
-  ssize_t n = read(fd, buf, sizeof(buf) - 1);
-  close(fd);
-  if (n <= 0) return RemoteResult::NoThread;
-  buf[n] = '\0';
-  const char* blk = strstr(buf, "\nSigBlk:");
-  if (blk == nullptr) return RemoteResult::Ok;
-  unsigned long long mask = strtoull(blk + 8, nullptr, 16);
-  if (sig >= 1 && sig <= 64 && (mask & (1ULL << (sig - 1))) != 0) return RemoteResult::Blocked;
-  return RemoteResult::Ok;
-}
-
 int64_t monotonicNs() {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -202,7 +193,8 @@ struct Symbol {
 struct Module {
   Module* next = nullptr;
   uintptr_t bias = 0;
-  std::string path;
+  std::string path;  // as the loader knows it
+  std::string name;  // as frames show it: the real path of the mapped file
   std::vector<Symbol> symbols;
   std::string names;
   std::unique_ptr<std::atomic<char*>[]> demangled;
@@ -229,23 +221,12 @@ uint32_t bindingRank(unsigned char info) {
   }
 }
 
-void readSymbols(Module* m) {
-  int fd = open(m->path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return;
-  struct stat st;
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) < sizeof(ElfW(Ehdr))) {
-    close(fd);
-    return;
-  }
-  size_t size = static_cast<size_t>(st.st_size);
-  void* map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
-  close(fd);
-  if (map == MAP_FAILED) return;
-  const auto* base = static_cast<const unsigned char*>(map);
+// Reads the symbol table of the ELF image at `base` (`size` bytes readable).
+void readSymbolsFromImage(Module* m, const unsigned char* base, size_t size) {
   const auto* eh = reinterpret_cast<const ElfW(Ehdr)*>(base);
-  bool ok = memcmp(eh->e_ident, ELFMAG, SELFMAG) == 0 && eh->e_ident[EI_CLASS] == kElfClass &&
-            eh->e_shentsize == sizeof(ElfW(Shdr)) && eh->e_shoff > 0 && eh->e_shoff < size &&
-            eh->e_shnum <= (size - eh->e_shoff) / sizeof(ElfW(Shdr));
+  bool ok = size >= sizeof(ElfW(Ehdr)) && memcmp(eh->e_ident, ELFMAG, SELFMAG) == 0 &&
+            eh->e_ident[EI_CLASS] == kElfClass && eh->e_shentsize == sizeof(ElfW(Shdr)) && eh->e_shoff > 0 &&
+            eh->e_shoff < size && eh->e_shnum <= (size - eh->e_shoff) / sizeof(ElfW(Shdr));
   if (ok) {
     const auto* sh = reinterpret_cast<const ElfW(Shdr)*>(base + eh->e_shoff);
     // The full table when the file has one, else the dynamic symbols.
@@ -281,7 +262,6 @@ void readSymbols(Module* m) {
       }
     }
   }
-  munmap(map, size);
   std::sort(m->symbols.begin(), m->symbols.end(), [](const Symbol& a, const Symbol& b) {
     return a.start != b.start ? a.start < b.start : a.rank < b.rank;
   });
@@ -289,6 +269,68 @@ void readSymbols(Module* m) {
                                [](const Symbol& a, const Symbol& b) { return a.start == b.start; }),
                    m->symbols.end());
   m->demangled.reset(new std::atomic<char*>[m->symbols.size()]());
+}
+
+void readSymbols(Module* m) {
+  int fd = open(m->path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) < sizeof(ElfW(Ehdr))) {
+    close(fd);
+    return;
+  }
+  size_t size = static_cast<size_t>(st.st_size);
+  void* map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+  close(fd);
+  if (map == MAP_FAILED) return;
+  readSymbolsFromImage(m, static_cast<const unsigned char*>(map), size);
+  munmap(map, size);
+}
+
+// The vDSO: where the kernel mapped it and how many bytes of its image are readable.
+struct VdsoImage {
+  uintptr_t start = 0;
+  size_t size = 0;
+};
+
+const VdsoImage& vdsoImage() {
+  static const VdsoImage image = [] {
+    VdsoImage v;
+    const uintptr_t ehdr = static_cast<uintptr_t>(getauxval(AT_SYSINFO_EHDR));
+    if (ehdr == 0) return v;
+    const auto* eh = reinterpret_cast<const ElfW(Ehdr)*>(ehdr);
+    if (memcmp(eh->e_ident, ELFMAG, SELFMAG) != 0 || eh->e_phentsize != sizeof(ElfW(Phdr))) return v;
+    const auto* ph = reinterpret_cast<const ElfW(Phdr)*>(ehdr + eh->e_phoff);
+    size_t end = 0;
+    for (unsigned i = 0; i < eh->e_phnum; ++i)
+      if (ph[i].p_type == PT_LOAD && ph[i].p_offset == 0)
+        end = std::max(end, static_cast<size_t>(ph[i].p_filesz));
+    // The kernel maps the whole image in pages, with the section headers behind the
+    // loaded part.
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t mapped = (end + page - 1) / page * page;
+    const size_t sections =
+        static_cast<size_t>(eh->e_shoff) + static_cast<size_t>(eh->e_shnum) * eh->e_shentsize;
+    v.start = ehdr;
+    v.size = sections <= mapped ? std::max(end, sections) : end;
+    return v;
+  }();
+  return image;
+}
+
+// The name frames show for a loaded object: the real path of its file, as the
+// kernel's map of the process names it; the vDSO as "[vdso:<start>]".
+std::string displayName(const std::string& path, uintptr_t bias, uintptr_t pc) {
+  const VdsoImage& vdso = vdsoImage();
+  if (vdso.size > 0 && pc >= vdso.start && pc - vdso.start < vdso.size) {
+    char name[64];
+    snprintf(name, sizeof(name), "[vdso:%016" PRIxPTR "]", vdso.start);
+    return name;
+  }
+  (void)bias;
+  char resolved[PATH_MAX];
+  if (!path.empty() && path[0] == '/' && realpath(path.c_str(), resolved) != nullptr) return resolved;
+  return path;
 }
 
 const std::string& mainProgramPath() {
@@ -316,13 +358,18 @@ const struct link_map* linkMapOf(uintptr_t pc) {
 #endif
 }
 
-Module* findModule(uintptr_t bias, const char* path) {
+Module* findModule(uintptr_t bias, const char* path, uintptr_t pc) {
   for (Module* m = gModules.load(std::memory_order_acquire); m != nullptr; m = m->next)
     if (m->bias == bias && m->path == path) return m;
   auto* m = new Module;
   m->bias = bias;
   m->path = path;
-  readSymbols(m);
+  m->name = displayName(m->path, bias, pc);
+  const VdsoImage& vdso = vdsoImage();
+  if (m->name.rfind("[vdso:", 0) == 0)
+    readSymbolsFromImage(m, reinterpret_cast<const unsigned char*>(vdso.start), vdso.size);
+  else
+    readSymbols(m);
   Module* head = gModules.load(std::memory_order_relaxed);
   do {
     m->next = head;
@@ -350,10 +397,47 @@ const char* symbolName(Module* m, size_t index) {
   return dem;
 }
 
+// One line of the kernel's map of this process.
+struct Mapping {
+  uintptr_t start = 0;
+  uintptr_t offset = 0;
+  char name[512] = "";
+};
+
+// The mapping that holds `pc`, read from /proc/self/maps with plain system calls.
+bool findMapping(uintptr_t pc, Mapping* out) {
+  int fd = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char buf[4096];
+  char line[640];
+  size_t len = 0;
+  bool found = false;
+  for (ssize_t n; !found && (n = read(fd, buf, sizeof(buf))) > 0;) {
+    for (ssize_t i = 0; i < n && !found; ++i) {
+      if (buf[i] != '\n') {
+        if (len < sizeof(line) - 1) line[len++] = buf[i];
+        continue;
+      }
+      line[len] = '\0';
+      len = 0;
+      unsigned long long start = 0, end = 0, offset = 0;
+      int nameAt = 0;
+      if (sscanf(line, "%llx-%llx %*s %llx %*s %*s %n", &start, &end, &offset, &nameAt) < 3) continue;
+      if (pc < start || pc >= end) continue;
+      out->start = static_cast<uintptr_t>(start);
+      out->offset = static_cast<uintptr_t>(offset);
+      snprintf(out->name, sizeof(out->name), "%s", nameAt > 0 ? line + nameAt : "");
+      found = true;
+    }
+  }
+  close(fd);
+  return found;
+}
+
 }  // namespace
 
 __attribute__((noinline)) size_t captureCurrent(size_t skip, Frame* out, size_t max) {
-  BacktraceState st{out, max, 0, skip + 1};  // + this function
+  BacktraceState st{out, max, 0, skip, false};
   _Unwind_Backtrace(collectFrame, &st);
   asm volatile("" ::: "memory");  // keeps this frame: no tail call
   return st.count;
@@ -365,8 +449,6 @@ RemoteResult captureThread(pid_t tid, size_t skip, Frame* out, size_t max, size_
   *count = 0;
   int sig = unwindSignal();
   if (!installRemoteHandler()) return RemoteResult::NoHandler;
-  RemoteResult state = threadState(tid, sig);
-  if (state != RemoteResult::Ok) return state;
 
   std::lock_guard<std::mutex> lock(gSlotMutex);
   if (gSlotStuck) return RemoteResult::TimedOut;
@@ -416,49 +498,62 @@ RemoteResult captureThread(pid_t tid, size_t skip, Frame* out, size_t max, size_
   return RemoteResult::Ok;
 }
 
+uintptr_t shownPc(const Frame& frame) {
+#if defined(__x86_64__) || defined(__i386__)
+  constexpr uintptr_t kCallAdjust = 1;  // any byte of the call instruction
+#elif defined(__aarch64__)
+  constexpr uintptr_t kCallAdjust = 4;  // the call instruction itself
+#else
+#error "no pc adjustment for return addresses on this architecture"
+#endif
+  if (frame.first || frame.trampoline || frame.pc < kCallAdjust) return frame.pc;
+  return frame.pc - kCallAdjust;
+}
+
 std::string formatFrame(size_t index, const Frame& frame) {
   char line[1024];
-  // A return address may lie just past the end of its function (a call to a
-  // function that does not return): look up the call instruction instead.
-  const uintptr_t lookup = frame.exact ? frame.pc : frame.pc - 1;
-  const struct link_map* lm = linkMapOf(lookup);
+  const uintptr_t pc = shownPc(frame);
+  const struct link_map* lm = linkMapOf(pc);
   if (lm == nullptr) {
-    snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  <unknown>", index, frame.pc);
+    // No loaded object: memory mapped some other way (generated code), or nothing.
+    Mapping map;
+    if (!findMapping(pc, &map)) {
+      snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  <unknown>", index, pc);
+    } else if (map.name[0] == '\0') {
+      snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  <anonymous:%016" PRIxPTR ">", index,
+               pc - map.start, map.start);
+    } else if (map.name[0] == '[') {
+      const size_t len = strlen(map.name);
+      if (len > 0 && map.name[len - 1] == ']') map.name[len - 1] = '\0';
+      snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  %s:%016" PRIxPTR "]", index, pc - map.start,
+               map.name, map.start);
+    } else {
+      snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  %s", index, pc - map.start + map.offset,
+               map.name);
+    }
     return line;
   }
   const uintptr_t bias = static_cast<uintptr_t>(lm->l_addr);
   const char* path =
       (lm->l_name != nullptr && lm->l_name[0] != '\0') ? lm->l_name : mainProgramPath().c_str();
-  const uintptr_t rel = frame.pc - bias;
-  const uintptr_t relLookup = lookup - bias;
+  const uintptr_t rel = pc - bias;
 
   const char* name = nullptr;
   uintptr_t offset = 0;
-  Module* m = findModule(bias, path);
+  Module* m = findModule(bias, path, pc);
   if (!m->symbols.empty()) {
-    auto it = std::upper_bound(m->symbols.begin(), m->symbols.end(), relLookup,
+    auto it = std::upper_bound(m->symbols.begin(), m->symbols.end(), rel,
                                [](uintptr_t v, const Symbol& s) { return v < s.start; });
     if (it != m->symbols.begin()) {
       --it;
-      if (relLookup < it->start + (it->size != 0 ? it->size : 1)) {
+      if (rel < it->start + (it->size != 0 ? it->size : 1)) {
         name = symbolName(m, static_cast<size_t>(it - m->symbols.begin()));
         offset = rel - it->start;
       }
     }
   }
-  std::unique_ptr<char, decltype(&free)> fallback(nullptr, &free);
-  Dl_info info;
-  if (name == nullptr && m->symbols.empty() && dladdr(reinterpret_cast<void*>(lookup), &info) != 0 &&
-      info.dli_sname != nullptr && info.dli_saddr != nullptr &&
-      reinterpret_cast<uintptr_t>(info.dli_saddr) <= lookup) {
-    // No readable file (the vDSO): the loader's own dynamic symbols.
-    int status = 0;
-    fallback.reset(abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status));
-    name = fallback ? fallback.get() : info.dli_sname;
-    offset = frame.pc - reinterpret_cast<uintptr_t>(info.dli_saddr);
-  }
 
-  int n = snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  %s", index, rel, path);
+  int n = snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  %s", index, rel, m->name.c_str());
   if (name != nullptr && n > 0 && static_cast<size_t>(n) < sizeof(line)) {
     if (offset != 0)
       snprintf(line + n, sizeof(line) - static_cast<size_t>(n), " (%s+%" PRIuPTR ")", name, offset);

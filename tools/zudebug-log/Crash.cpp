@@ -240,8 +240,11 @@ void printCrashRecord(Writer& out, const CrashRecord& r, size_t number, size_t t
       out.put("      (signal return trampoline: the frames below it were interrupted by the signal)\n");
       continue;
     }
-    // A return address lies behind its call instruction, maybe already in the next line.
-    const uint64_t address = static_cast<int>(i) == faulting || f.pc == 0 ? f.pc : f.pc - 1;
+    // The platform's unwinder shows a return address taken back into its call
+    // instruction, and the pc the signal interrupted taken back the same way: that one
+    // is given back, so that the faulting line is exact.
+    const uint64_t address =
+        static_cast<int>(i) == faulting && trampoline >= 0 ? f.pc + symbols.pcTakenBack(f.module) : f.pc;
     Symbolized s = symbols.lookup(f.module, address);
     if (s.frames.empty() ||
         (s.frames.size() == 1 && s.frames[0].function.empty() && s.frames[0].file.empty())) {

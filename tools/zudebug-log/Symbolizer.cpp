@@ -4,6 +4,7 @@
 #include <dwarf.h>
 #include <elfutils/libdw.h>
 #include <elfutils/libdwfl.h>
+#include <gelf.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
@@ -112,6 +113,24 @@ Symbolizer::Module& Symbolizer::module(const std::string& modulePath) {
     if (m->mod == nullptr) m->problem = std::string("not readable as ELF: ") + dwfl_errmsg(-1);
   }
   return *mModules.emplace(modulePath, std::move(m)).first->second;
+}
+
+uint64_t Symbolizer::pcTakenBack(const std::string& modulePath) {
+  Module& m = module(modulePath);
+  if (m.mod == nullptr) return 0;
+  GElf_Addr bias = 0;
+  Elf* elf = dwfl_module_getelf(m.mod, &bias);
+  GElf_Ehdr header;
+  if (elf == nullptr || gelf_getehdr(elf, &header) == nullptr) return 0;
+  switch (header.e_machine) {
+    case EM_X86_64:
+    case EM_386:
+      return 1;  // any byte of the call instruction
+    case EM_AARCH64:
+      return 4;  // the call instruction itself
+    default:
+      return 0;
+  }
 }
 
 Symbolized Symbolizer::lookup(const std::string& modulePath, uint64_t address) {

@@ -40,6 +40,11 @@ class Symbolizer {
   // `address` is a virtual address of the module's file (its load bias taken off).
   Symbolized lookup(const std::string& modulePath, uint64_t address);
 
+  // How far the platform's unwinder takes a pc back from a return address into its
+  // call instruction for the module's machine (1 on x86, 4 on arm64); 0 when the
+  // module cannot be read or its machine is another.
+  uint64_t pcTakenBack(const std::string& modulePath);
+
  private:
   struct Module;
   Module& module(const std::string& modulePath);

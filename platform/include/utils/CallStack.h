@@ -29,8 +29,11 @@ class CallStack {
   // Drops every captured frame.
   void clear();
 
-  // Captures the stack of thread `tid` (the calling thread for -1 or its own id),
-  // skipping the `ignoreDepth` innermost frames of the calling thread.
+  // Captures the stack of thread `tid` (the calling thread for -1 or its own id) and
+  // drops its `ignoreDepth` innermost frames. As the platform counts, the calling
+  // thread's frame 0 is inside the unwinder, 1 this function, 2 its caller; another
+  // thread's frame 0 is where it was interrupted. Up to 256 frames; none for a thread
+  // that does not answer within 5 s (one that blocks signals never does).
   void update(int32_t ignoreDepth = 1, pid_t tid = BACKTRACE_CURRENT_THREAD);
 
   // Writes the frames to the Android log, one record per frame.

@@ -35,7 +35,8 @@ class LogPrinter : public Printer {
   bool mIgnoreBlankLines;
 };
 
-// Prints each line to a file descriptor, indented and prefixed.
+// Prints each line to a file descriptor behind its prefix, left-aligned in a field
+// `indent` characters wide.
 class FdPrinter : public Printer {
  public:
   FdPrinter(int fd, unsigned int indent = 0, const char* prefix = nullptr);
