@@ -350,6 +350,26 @@ const char* symbolName(Module* m, size_t index) {
   return dem;
 }
 
+// A signal return trampoline that no module holds: qemu's user-mode emulation keeps
+// it in a page of its own, where the arm64 kernel has it in the vDSO. Known by its
+// code, "mov x8, #__NR_rt_sigreturn; svc #0", as libgcc's unwinder knows it when it
+// steps through the signal frame. Read only where mapped (msync fails with ENOMEM on
+// an address nothing is mapped at): a frame may outlive its module.
+bool isModulelessSigreturn(uintptr_t pc) {
+#if defined(__aarch64__)
+  const uintptr_t page = pc & ~static_cast<uintptr_t>(sysconf(_SC_PAGESIZE) - 1);
+  uint32_t code[2];
+  if (pc % alignof(uint32_t) != 0 ||
+      msync(reinterpret_cast<void*>(page), pc + sizeof(code) - page, MS_ASYNC) != 0)
+    return false;
+  memcpy(code, reinterpret_cast<const void*>(pc), sizeof(code));
+  return code[0] == 0xd2801168u && code[1] == 0xd4000001u;
+#else
+  (void)pc;
+  return false;
+#endif
+}
+
 }  // namespace
 
 __attribute__((noinline)) size_t captureCurrent(size_t skip, Frame* out, size_t max) {
@@ -423,7 +443,8 @@ std::string formatFrame(size_t index, const Frame& frame) {
   const uintptr_t lookup = frame.exact ? frame.pc : frame.pc - 1;
   const struct link_map* lm = linkMapOf(lookup);
   if (lm == nullptr) {
-    snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  <unknown>", index, frame.pc);
+    snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  <unknown>%s", index, frame.pc,
+             isModulelessSigreturn(frame.pc) ? " (__kernel_rt_sigreturn)" : "");
     return line;
   }
   const uintptr_t bias = static_cast<uintptr_t>(lm->l_addr);
