@@ -76,9 +76,9 @@ const std::vector<std::string>& emulator() {
 
 namespace {
 
-// Entries of /proc/self/task with nothing but system calls: it runs before the C
-// library's users (and a sanitizer's interceptors) are initialised.
-size_t taskCount() {
+// Entries of /proc/self/task with nothing but system calls and no sanitizer checks:
+// it also runs before any library (a sanitizer's runtime among them) is initialised.
+__attribute__((no_sanitize("address", "thread", "undefined"))) size_t taskCount() {
   const int fd =
       static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (fd < 0) return 0;
@@ -87,8 +87,8 @@ size_t taskCount() {
   for (long got; (got = syscall(SYS_getdents64, fd, buf, sizeof(buf))) > 0;) {
     for (long off = 0; off < got;) {
       // struct linux_dirent64: ino (8 bytes), off (8), reclen (2), type (1), name.
-      unsigned short reclen;
-      memcpy(&reclen, buf + off + 16, sizeof(reclen));
+      const unsigned short reclen = static_cast<unsigned short>(
+          static_cast<unsigned char>(buf[off + 16]) | static_cast<unsigned char>(buf[off + 17]) << 8);
       if (buf[off + 19] != '.') ++n;
       off += reclen;
     }
@@ -98,7 +98,9 @@ size_t taskCount() {
 }
 
 size_t gThreadsAtStart = 0;
-void countThreadsAtStart(int, char**, char**) { gThreadsAtStart = taskCount(); }
+__attribute__((no_sanitize("address", "thread", "undefined"))) void countThreadsAtStart(int, char**, char**) {
+  gThreadsAtStart = taskCount();
+}
 // The executable's pre-initialisers run before those of every library it loads.
 __attribute__((section(".preinit_array"),
                used)) void (*const kCountThreadsAtStart)(int, char**, char**) = countThreadsAtStart;
