@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: format check, then build and test in the plain,
-# AddressSanitizer+UBSan and ThreadSanitizer builds, then a bounded fuzzing run.
+# AddressSanitizer+UBSan and ThreadSanitizer builds, then the plain build cross-compiled
+# for arm64 with every test run under qemu-aarch64, then a bounded fuzzing run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/install-deps.sh
@@ -17,6 +18,12 @@ for preset in plain asan tsan; do
   echo "== $preset tests =="
   ctest --preset "$preset" -j "$jobs"
 done
+
+echo "== arm64 build =="
+cmake --preset arm64 >/dev/null
+cmake --build --preset arm64 -j "$jobs"
+echo "== arm64 tests =="
+ctest --preset arm64 -j "$jobs"
 
 echo "== platform headers =="
 cmake --preset platform-headers >/dev/null

@@ -64,10 +64,24 @@ namespace {
 volatile int gDivisor = 0;
 volatile int gQuotient = 0;
 __attribute__((noinline)) void crashBySegv() { *gBadAddress = 1; }
+// SIGFPE, SIGILL and SIGTRAP from the instruction that raises each on this
+// architecture; raise() only where none does.
+#if defined(__x86_64__)
 // Left to the hardware, also in builds whose sanitizer would report it first.
 __attribute__((noinline, no_sanitize("undefined"))) void crashByFpe() { gQuotient = 100 / gDivisor; }
-__attribute__((noinline)) void crashByIll() { __builtin_trap(); }
+__attribute__((noinline)) void crashByIll() { asm volatile("ud2"); }
 __attribute__((noinline)) void crashByTrap() { asm volatile("int3"); }
+#elif defined(__aarch64__)
+// An integer division by zero gives 0 on arm64: no instruction traps with SIGFPE.
+__attribute__((noinline)) void crashByFpe() {
+  raise(SIGFPE);
+  asm volatile("");  // no tail call: this frame stays on the stack
+}
+__attribute__((noinline)) void crashByIll() { asm volatile("udf #0"); }
+__attribute__((noinline)) void crashByTrap() { asm volatile("brk #0"); }
+#else
+#error "no way to raise SIGFPE, SIGILL and SIGTRAP chosen for this architecture"
+#endif
 __attribute__((noinline)) void crashByAbort() { abort(); }
 __attribute__((noinline)) void crashBySys() {
   raise(SIGSYS);
@@ -405,6 +419,33 @@ std::vector<int> expectRecords(const std::string& log, size_t count, const std::
 
 }  // namespace
 
+namespace {
+
+// The record's signal line, up to the fault address, of the faults whose code differs
+// between architectures (and between a kernel and qemu's user-mode emulation of it).
+struct FaultLines {
+  std::string fpe, ill, trap, mainOverflow;
+};
+FaultLines faultLines() {
+#if defined(__x86_64__)
+  // FPE_INTDIV, ILL_ILLOPN (ud2), SI_KERNEL (int3: no address), SEGV_MAPERR (the
+  // stack's guard gap is unmapped).
+  return {"signal 8, code 1, fault addr 0x", "signal 4, code 2, fault addr 0x",
+          "signal 5, code 128, fault addr ", "signal 11, code 1, fault addr 0x"};
+#elif defined(__aarch64__)
+  // SI_TKILL (raised), TRAP_BRKPT. An undefined instruction is ILL_ILLOPC to the
+  // kernel, ILL_ILLOPN to qemu; qemu puts a guard page below the main thread's stack
+  // (SEGV_ACCERR), the kernel an unmapped gap (SEGV_MAPERR).
+  const bool qemu = !emulator().empty();
+  return {"signal 8, code -6, fault addr ",
+          qemu ? "signal 4, code 2, fault addr 0x" : "signal 4, code 1, fault addr 0x",
+          "signal 5, code 1, fault addr 0x",
+          qemu ? "signal 11, code 2, fault addr 0x" : "signal 11, code 1, fault addr 0x"};
+#endif
+}
+
+}  // namespace
+
 // Real faults where one can be made, raise() otherwise. With the default disposition
 // the process dies of the same signal; a previous handler is called with the same
 // information after the record is on disk; an ignored fault still ends the process.
@@ -417,31 +458,31 @@ TEST(CrashCatcher, EveryScenarioRecordsFlushesAndEndsAsBefore) {
     const char* scenario;
     int sig;
     const char* ending;
-    const char* signalLine;  // third header line up to the fault address
+    std::string signalLine;  // third header line up to the fault address
     const char* function;    // a frame of the record names it
     Thread thread;
     size_t records;
     bool onDiskAtCrash;  // false: only once the next start recovered it
   };
+  const FaultLines arch = faultLines();
   const Case cases[] = {
       {"fault", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()", kMain, 1, true},
       {"fault", SIGABRT, "signal 6", "signal 6, code -6, fault addr ", "crashByAbort()", kMain, 1, true},
       {"fault", SIGBUS, "signal 7", "signal 7, code 2, fault addr 0x", "crashByBus()", kMain, 1, true},
-      {"fault", SIGFPE, "signal 8", "signal 8, code 1, fault addr 0x", "crashByFpe()", kMain, 1, true},
-      {"fault", SIGILL, "signal 4", "signal 4, code 2, fault addr 0x", "crashByIll()", kMain, 1, true},
+      {"fault", SIGFPE, "signal 8", arch.fpe, "crashByFpe()", kMain, 1, true},
+      {"fault", SIGILL, "signal 4", arch.ill, "crashByIll()", kMain, 1, true},
       {"fault", SIGSYS, "signal 31", "signal 31, code -6, fault addr ", "crashBySys()", kMain, 1, true},
-      {"fault", SIGTRAP, "signal 5", "signal 5, code 128, fault addr ", "crashByTrap()", kMain, 1, true},
+      {"fault", SIGTRAP, "signal 5", arch.trap, "crashByTrap()", kMain, 1, true},
       {"fault-in-thread", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()",
        kWorker, 1, true},
       {"chain-siginfo", SIGSEGV, "exit 211", "signal 11, code 1, fault addr 0x10", "crashBySegv()", kMain, 1,
        true},
-      {"chain-plain", SIGFPE, "exit 108", "signal 8, code 1, fault addr 0x", "crashByFpe()", kMain, 1, true},
+      {"chain-plain", SIGFPE, "exit 108", arch.fpe, "crashByFpe()", kMain, 1, true},
       {"ignored", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashBySegv()", kMain, 1,
        true},
       {"ignored", SIGSYS, "exit 0", "signal 31, code -6, fault addr ", "crashBySys()", kMain, 1, true},
       {"unmatched", SIGUSR1, "exit 0", "signal 10, code 0, fault addr ", "TestBody()", kMain, 1, true},
-      {"overflow-main", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x", "overflowStack(int)", kMain,
-       1, true},
+      {"overflow-main", SIGSEGV, "signal 11", arch.mainOverflow, "overflowStack(int)", kMain, 1, true},
       {"overflow-worker", SIGSEGV, "signal 11", "signal 11, code 2, fault addr 0x", "overflowStack(int)",
        kDeepWorker, 1, true},
       {"bad-append", SIGSEGV, "signal 11", "signal 11, code 1, fault addr 0x10", "crashByBadAppend()", kMain,

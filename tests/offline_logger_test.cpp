@@ -80,15 +80,6 @@ size_t checkNumbered(const std::string& text, int threads, int perThread) {
   return static_cast<size_t>(threads * perThread) - found;
 }
 
-// Threads of the process, without the one ThreadSanitizer adds once threads exist.
-size_t threadCount() {
-  size_t n = listDir("/proc/self/task").size();
-#ifdef __SANITIZE_THREAD__
-  if (n > 1) --n;
-#endif
-  return n;
-}
-
 // Runs OfflineLogger.<test> in a child with the debug mask set in `root`; it must pass.
 void runMasked(const std::string& test, const TempRoot& root,
                const std::map<std::string, std::string>& env = {}, const std::string& mask = "1") {
@@ -102,11 +93,11 @@ void runMasked(const std::string& test, const TempRoot& root,
 // ---- facade, lifecycle and bounded calls ----
 
 ZU_CHILD_TEST(OfflineLogger, FacadeAndSessionsChild) {
-  EXPECT_EQ(threadCount(), 1u) << "loading the library starts nothing";
+  EXPECT_EQ(ownThreadCount(), 1u) << "loading the library starts nothing";
   ZuDebugInterface* debug = facade();
   EXPECT_TRUE(debug->isEnabled() && ZuDebugInterface::getInstance(ZuOfflineLoggerType::Binary)->isEnabled());
   EXPECT_EQ(debug->isExtended(), std::string(getenv("MASK")) == "5");
-  EXPECT_EQ(threadCount(), 3u) << "one flush thread per instance";
+  EXPECT_EQ(ownThreadCount(), 3u) << "one flush thread per instance";
   EXPECT_FALSE(debugLogger()->setFlushTriggerLink(nullptr));
 
   logNumbered(0, 0);  // not started: dropped without taking memory

@@ -131,7 +131,7 @@ TEST(LogToolCrash, RecordIsSymbolisedToFunctionsAndLines) {
   const std::string tree = root.path("symbols");
   root.writeFile("device/vendor/bin/camera.provider", readFile(selfExe()));
   root.writeFile("symbols" + stripped, readFile(selfExe()));
-  ASSERT_EQ(runCapture({"/usr/bin/objcopy", "--strip-debug", stripped}).exitCode(), 0);
+  ASSERT_EQ(runCapture({ZUDEBUG_OBJCOPY, "--strip-debug", stripped}).exitCode(), 0);
   std::string log;
   for (const std::string& name : listDir(root.offlineDir()))
     if (name.find("ZuCam_Debug_2") == 0) log += readFile(root.offlineDir() + "/" + name);

@@ -434,6 +434,26 @@ bool findMapping(uintptr_t pc, Mapping* out) {
   return found;
 }
 
+// A signal return trampoline that no module holds: qemu's user-mode emulation keeps
+// it in a page of its own, where the arm64 kernel has it in the vDSO. Known by its
+// code, "mov x8, #__NR_rt_sigreturn; svc #0", as libgcc's unwinder knows it when it
+// steps through the signal frame. Read only where mapped (msync fails with ENOMEM on
+// an address nothing is mapped at): a frame may outlive its module.
+bool isModulelessSigreturn(uintptr_t pc) {
+#if defined(__aarch64__)
+  const uintptr_t page = pc & ~static_cast<uintptr_t>(sysconf(_SC_PAGESIZE) - 1);
+  uint32_t code[2];
+  if (pc % alignof(uint32_t) != 0 ||
+      msync(reinterpret_cast<void*>(page), pc + sizeof(code) - page, MS_ASYNC) != 0)
+    return false;
+  memcpy(code, reinterpret_cast<const void*>(pc), sizeof(code));
+  return code[0] == 0xd2801168u && code[1] == 0xd4000001u;
+#else
+  (void)pc;
+  return false;
+#endif
+}
+
 }  // namespace
 
 __attribute__((noinline)) size_t captureCurrent(size_t skip, Frame* out, size_t max) {
@@ -517,11 +537,13 @@ std::string formatFrame(size_t index, const Frame& frame) {
   if (lm == nullptr) {
     // No loaded object: memory mapped some other way (generated code), or nothing.
     Mapping map;
+    // qemu's signal return trampoline lies in such memory; named as the kernel's is.
+    const char* sigreturn = isModulelessSigreturn(frame.pc) ? " (__kernel_rt_sigreturn)" : "";
     if (!findMapping(pc, &map)) {
-      snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  <unknown>", index, pc);
+      snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  <unknown>%s", index, pc, sigreturn);
     } else if (map.name[0] == '\0') {
-      snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  <anonymous:%016" PRIxPTR ">", index,
-               pc - map.start, map.start);
+      snprintf(line, sizeof(line), "#%02zu pc %016" PRIxPTR "  <anonymous:%016" PRIxPTR ">%s", index,
+               pc - map.start, map.start, sigreturn);
     } else if (map.name[0] == '[') {
       const size_t len = strlen(map.name);
       if (len > 0 && map.name[len - 1] == ']') map.name[len - 1] = '\0';

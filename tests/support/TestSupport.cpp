@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -63,6 +64,59 @@ int ChildResult::termSignal() const { return WIFSIGNALED(status) ? WTERMSIG(stat
 
 bool inChild() { return getenv("ZUDEBUG_TEST_CHILD") != nullptr; }
 
+const std::vector<std::string>& emulator() {
+  static const std::vector<std::string> words = [] {
+    std::vector<std::string> w;
+    std::istringstream in(getenv("ZUDEBUG_TEST_EMULATOR") != nullptr ? getenv("ZUDEBUG_TEST_EMULATOR") : "");
+    for (std::string word; in >> word;) w.push_back(word);
+    return w;
+  }();
+  return words;
+}
+
+namespace {
+
+// Entries of /proc/self/task with nothing but system calls and no sanitizer checks:
+// it also runs before any library (a sanitizer's runtime among them) is initialised.
+__attribute__((no_sanitize("address", "thread", "undefined"))) size_t taskCount() {
+  const int fd =
+      static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd < 0) return 0;
+  alignas(8) char buf[4096];
+  size_t n = 0;
+  for (long got; (got = syscall(SYS_getdents64, fd, buf, sizeof(buf))) > 0;) {
+    for (long off = 0; off < got;) {
+      // struct linux_dirent64: ino (8 bytes), off (8), reclen (2), type (1), name.
+      const unsigned short reclen = static_cast<unsigned short>(
+          static_cast<unsigned char>(buf[off + 16]) | static_cast<unsigned char>(buf[off + 17]) << 8);
+      if (buf[off + 19] != '.') ++n;
+      off += reclen;
+    }
+  }
+  syscall(SYS_close, fd);
+  return n;
+}
+
+size_t gThreadsAtStart = 0;
+__attribute__((no_sanitize("address", "thread", "undefined"))) void countThreadsAtStart(int, char**, char**) {
+  gThreadsAtStart = taskCount();
+}
+// The executable's pre-initialisers run before those of every library it loads.
+__attribute__((section(".preinit_array"),
+               used)) void (*const kCountThreadsAtStart)(int, char**, char**) = countThreadsAtStart;
+
+}  // namespace
+
+size_t ownThreadCount() {
+  size_t n = taskCount();
+  const size_t foreign = gThreadsAtStart > 1 ? gThreadsAtStart - 1 : 0;
+  n = n > foreign ? n - foreign : 0;
+#ifdef __SANITIZE_THREAD__
+  if (n > 1) --n;
+#endif
+  return n;
+}
+
 bool ranInChild() {
   if (inChild()) return false;
   TempRoot root;
@@ -106,6 +160,31 @@ std::vector<std::string> childEnvironment(const TempRoot& root,
   return out;
 }
 
+// The ELF machine of the program at `path`, -1 when it is not an ELF file.
+int elfMachine(const char* path) {
+  unsigned char head[20];
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  const bool elf = read(fd, head, sizeof(head)) == sizeof(head) && memcmp(head,
+                                                                          "\x7f"
+                                                                          "ELF",
+                                                                          4) == 0;
+  close(fd);
+  return elf ? head[18] | head[19] << 8 : -1;  // e_machine, little-endian on every target here
+}
+
+// `argv` as it must be executed: a program built for the machine this one runs on
+// goes through the emulator this one runs under; a host program (a shell, lnav, a
+// browser) runs as it is.
+std::vector<std::string> withEmulator(const std::vector<std::string>& argv) {
+  if (emulator().empty() || argv.empty()) return argv;
+  static const int self = elfMachine("/proc/self/exe");
+  if (self < 0 || elfMachine(argv[0].c_str()) != self) return argv;
+  std::vector<std::string> args = emulator();
+  args.insert(args.end(), argv.begin(), argv.end());
+  return args;
+}
+
 // Forks and executes `argv` in `root` with output on `outFd`.
 pid_t launch(const std::vector<std::string>& argv, const TempRoot& root,
              const std::map<std::string, std::string>& env, int outFd) {
@@ -113,7 +192,7 @@ pid_t launch(const std::vector<std::string>& argv, const TempRoot& root,
   std::vector<char*> envp;
   for (auto& s : envStrings) envp.push_back(&s[0]);
   envp.push_back(nullptr);
-  std::vector<std::string> args = argv;
+  std::vector<std::string> args = withEmulator(argv);
   std::vector<char*> argp;
   for (auto& s : args) argp.push_back(&s[0]);
   argp.push_back(nullptr);
@@ -207,7 +286,7 @@ ProgramOutput runCapture(const std::vector<std::string>& argv,
   std::vector<char*> envp, argp;
   for (auto& s : envStrings) envp.push_back(&s[0]);
   envp.push_back(nullptr);
-  std::vector<std::string> args = argv;
+  std::vector<std::string> args = withEmulator(argv);
   for (auto& s : args) argp.push_back(&s[0]);
   argp.push_back(nullptr);
   const pid_t pid = fork();

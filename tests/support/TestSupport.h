@@ -69,6 +69,16 @@ ProgramOutput runCapture(const std::vector<std::string>& argv,
                          const std::map<std::string, std::string>& env = {});
 
 bool inChild();
+// Where the test programs run under a user-mode emulator (a cross build: qemu-aarch64
+// called by name, no binfmt handler), ZUDEBUG_TEST_EMULATOR holds its command line,
+// words apart by spaces; every program of the build that the helpers above start goes
+// through it. Empty when the programs run natively.
+const std::vector<std::string>& emulator();
+// Threads of this process that its own code started, the main thread included: an
+// emulator's threads (qemu runs one beside the program from the start), counted before
+// any library of the program was initialised, are left out, and so is the background
+// thread ThreadSanitizer adds once threads exist.
+size_t ownThreadCount();
 // For a test that runs whole in a child: in the test program, runs the current test
 // again in a child with a fresh device root, expects it to pass and returns true; in
 // the child returns false, and the test goes on.
