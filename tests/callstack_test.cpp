@@ -171,8 +171,11 @@ TEST(CallStack, OtherThreadsOneByOneAndAsAProcess) {
   const std::string end = "\n\n----- end " + pid + " -----\n\n";
   EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end);
   // This thread's own frames start at the process update.
-  const std::string self =
-      "\"" + std::string(program_invocation_short_name).substr(0, 15) + "\" sysTid=" + pid;
+  // Threads go by their kernel names (under an emulator the main thread keeps the
+  // emulator's).
+  std::string name = readFile("/proc/self/comm");
+  if (!name.empty() && name.back() == '\n') name.pop_back();
+  const std::string self = "\"" + name + "\" sysTid=" + pid;
   EXPECT_NE(text.find(self + "\n  #00 pc "), npos) << text;
   EXPECT_NE(text.find("(android::ProcessCallStack::update()+"), npos) << text;
   // Each thread under its name, with its frames; none for the one that blocks signals.
