@@ -3,7 +3,7 @@
 # 2 threads), and the library with its queues in process memory instead of the mapped
 # queue file, run in turns so that every variant sees the same machine. Each round runs
 # every variant once (a fresh process each, in a new order every round); ratios are
-# taken within a round, then summarised over the rounds.
+# taken within a round, then summarised over the rounds. Each run starts after a sync.
 #   bench/interleave-lines.sh build/plain/bench/logging_bench [rounds] [seconds per run]
 set -euo pipefail
 bin=$1
@@ -31,6 +31,9 @@ for ((r = 0; r < rounds; r++)); do
     threads=${v#*:}
     extra=()
     [ "$name" = anon ] && extra=(--pool=anon)
+    # Each run starts with no dirty pages of the runs before it: their writeback would
+    # otherwise take CPU from whichever variant runs next.
+    sync
     # CSV: name,iterations,real_time,cpu_time,time_unit,...,flush_cpu_ns/line (if any)
     "$bin" "${extra[@]}" --benchmark_filter="$(filter "$name" "$threads")" --benchmark_min_time="$min_time" \
       --benchmark_format=csv 2>/dev/null | awk -F, -v r="$r" -v v="$v" '

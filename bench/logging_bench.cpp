@@ -82,7 +82,9 @@ std::string firstLine(const std::string& path) {
 }
 
 uint64_t flushThreadCpuNs() {
-  static const std::string schedstat = [] {
+  // Looked for until found: the thread names itself once it runs.
+  static std::string schedstat;
+  if (schedstat.empty()) {
     std::string found;
     if (DIR* dir = opendir("/proc/self/task")) {
       while (dirent* e = readdir(dir)) {
@@ -91,8 +93,8 @@ uint64_t flushThreadCpuNs() {
       }
       closedir(dir);
     }
-    return found;
-  }();
+    schedstat = found;
+  }
   return schedstat.empty() ? 0 : strtoull(firstLine(schedstat).c_str(), nullptr, 10);
 }
 
@@ -232,7 +234,8 @@ std::shared_ptr<spdlog::logger> spdlogger(bool async) {
     // on every line (a system call that costs about 1 us on this virtual machine), and
     // the library formats it once per thread. "%4t" pads the thread id as "%4d" does.
     char pattern[64];
-    snprintf(pattern, sizeof(pattern), "%%m-%%d %%H:%%M:%%S:%%F  %4d  %%4t %%L %%v", static_cast<int>(getpid()));
+    snprintf(pattern, sizeof(pattern), "%%m-%%d %%H:%%M:%%S:%%F  %4d  %%4t %%L %%v",
+             static_cast<int>(getpid()));
     for (auto& l : loggers) l->set_pattern(pattern);
   });
   return loggers[async ? 1 : 0];
