@@ -17,6 +17,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <shared_mutex>
 #include <string>
 #include <vector>
@@ -221,6 +222,10 @@ BENCHMARK(BM_Floor)->Threads(1)->Threads(2)->UseRealTime();
 // ---- peers ----
 
 #ifdef ZUDEBUG_HAVE_SPDLOG
+#define SPDLOG_MESSAGE                                                                                  \
+  "ZuCamHAL [HAL ] bench.cpp:42 frame() pipeline {}: frame {} processed in {} us, all stages on time, " \
+  "no buffers dropped so far"
+
 std::shared_ptr<spdlog::logger> spdlogger(bool async) {
   static std::shared_ptr<spdlog::logger> loggers[2];
   static std::once_flag once;
@@ -247,11 +252,7 @@ void spdlogRun(benchmark::State& state, bool async) {
   const size_t before = tAllocations;
   for (auto _ : state) {
     ++frame;
-    logger->info(
-        "ZuCamHAL [HAL ] bench.cpp:42 frame() pipeline {}: frame {} processed in {} us, all stages on time, "
-        "no "
-        "buffers dropped so far",
-        kStage, frame, 800 + frame % 300);
+    logger->info(SPDLOG_MESSAGE, kStage, frame, 800 + frame % 300);
   }
   reportAllocations(state, before);
   state.SetItemsProcessed(state.iterations());
@@ -399,6 +400,55 @@ int loopLines(const char* which, long count) {
   return 2;
 }
 
+// "--chunks R": one thread, the variants in turn in chunks of 10,000 lines, R rounds;
+// per variant the fastest chunk (the machine at its best) and the median one, and the
+// ratios of both. Chunks this short see the machine in one state, so neighbours
+// compare fairly where whole runs seconds apart do not.
+int chunkedLines(int rounds) {
+  constexpr int kChunk = 10000;
+  struct Variant {
+    const char* name;
+    void (*line)(int i);
+    std::vector<double> ns;
+  };
+  std::vector<Variant> variants = {
+      {"library",
+       [](int i) {
+         Log::logSystem(64, "I", "bench.cpp", "frame", 42, BENCH_FORMAT, kStage, i, 800 + i % 300);
+       },
+       {}},
+      {"floor", [](int i) { floorLine(floorThread(), BENCH_FORMAT, kStage, i, 800 + i % 300); }, {}},
+#ifdef ZUDEBUG_HAVE_SPDLOG
+      {"spdlog sync", [](int i) { spdlogger(false)->info(SPDLOG_MESSAGE, kStage, i, 800 + i % 300); }, {}},
+      {"spdlog async", [](int i) { spdlogger(true)->info(SPDLOG_MESSAGE, kStage, i, 800 + i % 300); }, {}},
+#endif
+  };
+  for (Variant& v : variants) v.line(0);  // set-up outside the timing
+  int i = 1;
+  for (int r = 0; r < rounds; ++r) {
+    for (Variant& v : variants) {
+      struct timespec a, b;
+      clock_gettime(CLOCK_MONOTONIC, &a);
+      for (int k = 0; k < kChunk; ++k, ++i) v.line(i);
+      clock_gettime(CLOCK_MONOTONIC, &b);
+      v.ns.push_back(
+          (static_cast<double>(b.tv_sec - a.tv_sec) * 1e9 + static_cast<double>(b.tv_nsec - a.tv_nsec)) /
+          kChunk);
+    }
+  }
+  printf("%d rounds of %d-line chunks, one thread\n", rounds, kChunk);
+  printf("%-14s %14s %14s %14s\n", "variant", "fastest ns", "median ns", "slowest ns");
+  for (Variant& v : variants) {
+    std::sort(v.ns.begin(), v.ns.end());
+    printf("%-14s %14.1f %14.1f %14.1f\n", v.name, v.ns.front(), v.ns[v.ns.size() / 2], v.ns.back());
+  }
+  for (size_t k = 1; k < variants.size(); ++k)
+    printf("library / %-12s fastest %.2f  median %.2f\n", variants[k].name,
+           variants[0].ns.front() / variants[k].ns.front(),
+           variants[0].ns[variants[0].ns.size() / 2] / variants[k].ns[variants[k].ns.size() / 2]);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -416,15 +466,17 @@ int main(int argc, char** argv) {
     fprintf(stderr, "offline logging did not start (debug mask %u)\n", gZuCamDebugMask);
     return 1;
   }
+  // "--pool=anon" was for the parent; Google Benchmark refuses flags it does not know.
+  int kept = 1;
+  for (int i = 1; i < argc; ++i)
+    if (strcmp(argv[i], "--pool=anon") != 0) argv[kept++] = argv[i];
+  argc = kept;
   int status = -1;
   if (argc == 4 && strcmp(argv[1], "--loop") == 0) {
     status = loopLines(argv[2], atol(argv[3]));
+  } else if (argc == 3 && strcmp(argv[1], "--chunks") == 0) {
+    status = chunkedLines(atoi(argv[2]));
   } else {
-    // Google Benchmark refuses flags it does not know.
-    int kept = 1;
-    for (int i = 1; i < argc; ++i)
-      if (strcmp(argv[i], "--pool=anon") != 0) argv[kept++] = argv[i];
-    argc = kept;
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
