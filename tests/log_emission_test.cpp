@@ -42,6 +42,14 @@ std::string afterStamp(const std::string& line) {
 
 ZuDebugInterface* debug() { return ZuDebugInterface::getInstance(ZuOfflineLoggerType::Debug); }
 
+// Runs a child scenario in a fresh root with offline logging on; it must pass.
+void expectMaskedChildPasses(const std::string& child) {
+  TempRoot root;
+  root.setProps({{"persist.vendor.camera.offlinedebug.mask", "1"}});
+  const ChildResult r = runChild(child, root);
+  EXPECT_EQ(r.exitCode(), 0) << r.output;
+}
+
 }  // namespace
 
 // Child: a thread keeps the origins of its call sites; whatever the cache holds, every
@@ -92,12 +100,7 @@ ZU_CHILD_TEST(LogEmission, CallSiteOriginsChild) {
   for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(got[i], want[i]) << "line " << i;
 }
 
-TEST(LogEmission, CallSiteOrigins) {
-  TempRoot root;
-  root.setProps({{"persist.vendor.camera.offlinedebug.mask", "1"}});
-  const ChildResult r = runChild("LogEmission.CallSiteOriginsChild", root);
-  EXPECT_EQ(r.exitCode(), 0) << r.output;
-}
+TEST(LogEmission, CallSiteOrigins) { expectMaskedChildPasses("LogEmission.CallSiteOriginsChild"); }
 
 // Child: logs through both overloads and the macro, stops the logger so the lines
 // reach the file, and checks them byte for byte.
@@ -128,12 +131,7 @@ ZU_CHILD_TEST(LogEmission, LineLayoutChild) {
                                       std::to_string(macroLine) + " TestBody() macro 9");
 }
 
-TEST(LogEmission, LineLayout) {
-  TempRoot root;
-  root.setProps({{"persist.vendor.camera.offlinedebug.mask", "1"}});
-  const ChildResult r = runChild("LogEmission.LineLayoutChild", root);
-  EXPECT_EQ(r.exitCode(), 0) << r.output;
-}
+TEST(LogEmission, LineLayout) { expectMaskedChildPasses("LogEmission.LineLayoutChild"); }
 
 // Child: an info line, a full-form and a short-form error, another info line; the
 // parent checks the files. Without the debug mask or groups no flush thread may exist.

@@ -27,6 +27,7 @@
 #include <thread>
 #include <zudebug_platform/device_files.h>
 #include <zudebug_platform/fs.h>
+#include <zudebug_platform/signal_context.h>
 
 #include "ZuDebugDiag.h"
 #include "ZuLogLine.h"
@@ -1288,23 +1289,7 @@ char* nextFrameMark(char* from, const char* text) {
   return nullptr;
 }
 
-// The pc the signal interrupted, from the context the kernel handed the handler;
-// 0 when there is none (the catcher called directly).
-uintptr_t interruptedPc(const void* context) {
-  const auto* uc = static_cast<const ucontext_t*>(context);
-  if (uc == nullptr) return 0;
-#if defined(__x86_64__)
-  return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_RIP]);
-#elif defined(__i386__)
-  return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_EIP]);
-#elif defined(__aarch64__)
-  return static_cast<uintptr_t>(uc->uc_mcontext.pc);
-#elif defined(__arm__)
-  return static_cast<uintptr_t>(uc->uc_mcontext.arm_pc);
-#else
-  return 0;
-#endif
-}
+using platform::interruptedPc;
 
 // Where the module that holds `pc` is mapped; 0 when no module does.
 uintptr_t moduleStart(uintptr_t pc) {

@@ -31,6 +31,8 @@
 #include <mutex>
 #include <vector>
 
+#include <zudebug_platform/signal_context.h>
+
 namespace android {
 namespace hostunwind {
 
@@ -86,19 +88,7 @@ std::mutex gSlotMutex;
 uint32_t gGeneration = 0;  // under gSlotMutex
 bool gSlotStuck = false;   // under gSlotMutex: a handler never finished
 
-uintptr_t interruptedPc(const void* ucv) {
-  const auto* uc = static_cast<const ucontext_t*>(ucv);
-  if (uc == nullptr) return 0;
-#if defined(__x86_64__)
-  return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_RIP]);
-#elif defined(__i386__)
-  return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_EIP]);
-#elif defined(__aarch64__)
-  return static_cast<uintptr_t>(uc->uc_mcontext.pc);
-#else
-  return 0;
-#endif
-}
+using zudebug::platform::interruptedPc;
 
 void futexWake(std::atomic<uint32_t>* word) {
   syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
