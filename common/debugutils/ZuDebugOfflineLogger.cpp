@@ -237,7 +237,7 @@ LifetimeThreadInfo::~LifetimeThreadInfo() {
   std::lock_guard<ZuOwnedRecursiveMutex> pool(logger->mState->mPoolMutex);
   if (epoch == logger->mState->mRecordEpoch.load(std::memory_order_relaxed) &&
       session == logger->mState->mSessionCount.load(std::memory_order_relaxed))
-    logger->requestFlushLogQueueUntil(registerId, Clock::time_point::max());
+    logger->requestFlushLogQueue(registerId);
   threadId = 0;
 }
 
@@ -340,21 +340,8 @@ int ZuDegbugOfflineLogger::allocateLogQueueMemPool() {
 }
 
 int ZuDegbugOfflineLogger::requestNewLogQueue(uint8_t*& queue, uint32_t threadId) {
-  return requestNewLogQueueUntil(queue, threadId, Clock::time_point::max(), nullptr);
-}
-
-int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t threadId, Deadline deadline,
-                                                   bool* blocked) {
-  HeldLock<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex, deadline);
-  if (!queueLock.held()) {
-    if (blocked) *blocked = true;
-    return -1;
-  }
-  HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
-  if (!poolLock.held()) {
-    if (blocked) *blocked = true;
-    return -1;
-  }
+  std::lock_guard<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex);
+  std::lock_guard<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex);
   const int slot = slotOf(mState->mZuOfflineLoggerType);
   threadLocalInfo& local = threadRecord().append[slot];
   LifetimeThreadInfo& lifetime = sThreadLifetimes.info[slot];
@@ -411,18 +398,13 @@ int ZuDegbugOfflineLogger::requestNewLogQueueUntil(uint8_t*& queue, uint32_t thr
 }
 
 void ZuDegbugOfflineLogger::requestFlushLogQueue(int registerId) {
-  requestFlushLogQueueUntil(registerId, Clock::time_point::max());
-}
-
-bool ZuDegbugOfflineLogger::requestFlushLogQueueUntil(int registerId, Deadline deadline) {
   {
-    HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
-    if (!poolLock.held()) return false;
+    std::lock_guard<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex);
     if (registerId < 0 || registerId >= static_cast<int>(mState->mPerLogInfoPool.size())) {
       ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "requestFlushLogQueue",
                         "ZuDegbugOfflineLogger registerId %d mPerLogInfoPool %d", registerId,
                         static_cast<int>(mState->mPerLogInfoPool.size()));
-      return true;
+      return;
     }
     PerLogThreadInfo& record = *mState->mPerLogInfoPool[registerId];
     record.bNeedFlush = true;
@@ -430,16 +412,14 @@ bool ZuDegbugOfflineLogger::requestFlushLogQueueUntil(int registerId, Deadline d
     mState->mNeedFlushThreadCount.fetch_add(1, std::memory_order_relaxed);
     mState->mFlushRegisterId.push_back(registerId);
   }
-  // A bounded caller may be a signal handler: it leaves the wake-up to its own flush.
   void (*trigger)() = mState->mFlushTrigger.load(std::memory_order_acquire);
-  if (trigger != nullptr && deadline == Clock::time_point::max()) {
+  if (trigger != nullptr) {
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "requestFlushLogQueue",
                       "OfflineLogger requestFlushLogQueue Signaled!!Signal = %p, mNeedFlushThreadCount:%d",
                       reinterpret_cast<void*>(trigger),
                       static_cast<int>(mState->mNeedFlushThreadCount.load()));
     trigger();
   }
-  return true;
 }
 
 void ZuDegbugOfflineLogger::addLog(const char* line, unsigned int length) {
@@ -465,11 +445,9 @@ uint8_t* ZuDegbugOfflineLogger::openAppend(ThreadRecord& thread, unsigned int ro
   if (!mState->mPoolLock.lockShared(stripe)) return nullptr;
   local.inAppend = true;
   // Stop drains appends through the pool lock: past this test a line is always kept.
-  QueueStep step = QueueStep::Keep;
-  if (mState->mAccepting.load(std::memory_order_acquire) &&
-      chooseQueueStep(local, room, Clock::time_point::max(), &step) &&
-      (step == QueueStep::Keep ||
-       takeFreshQueue(local, step == QueueStep::HandOver, Clock::time_point::max()))) {
+  if (mState->mAccepting.load(std::memory_order_acquire)) {
+    const QueueStep step = chooseQueueStep(local, room);
+    if (step != QueueStep::Keep) takeFreshQueue(local, step == QueueStep::HandOver);
     if (local.queueAddress != nullptr) return local.queueAddress + local.offset;
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "memoryAddressToWrite is %p inputlog address is %p!",
                       static_cast<void*>(local.queueAddress), source);
@@ -479,15 +457,24 @@ uint8_t* ZuDegbugOfflineLogger::openAppend(ThreadRecord& thread, unsigned int ro
   return nullptr;
 }
 
-void ZuDegbugOfflineLogger::closeAppend(ThreadRecord& thread, unsigned int length) {
-  threadLocalInfo& local = thread.append[slotOf(mState->mZuOfflineLoggerType)];
-  // The block's durable count moves only once the whole line is there. The counters are
-  // the owner's alone while it holds the shared side of the pool lock.
+namespace {
+
+// Publishes `length` bytes written behind the thread's last line: the block's durable
+// count moves only once the whole line is there. The counters are the owner's alone
+// while it holds the shared side of the pool lock.
+void publish(threadLocalInfo& local, unsigned int length) {
   local.offset += length;
   local.bytesSinceReset += length;
   local.record->usedSize = local.offset;
   local.record->writtenTotal = local.bytesSinceReset;
   pool::storeRelease(&local.desc->used, local.offset);
+}
+
+}  // namespace
+
+void ZuDegbugOfflineLogger::closeAppend(ThreadRecord& thread, unsigned int length) {
+  threadLocalInfo& local = thread.append[slotOf(mState->mZuOfflineLoggerType)];
+  publish(local, length);
   leaveAppend(thread, local);
 }
 
@@ -500,12 +487,10 @@ void ZuDegbugOfflineLogger::leaveAppend(ThreadRecord& thread, threadLocalInfo& l
 }
 
 // Whether the thread goes on in its queue, needs a fresh one (first line, a restart, a
-// reset of every record, no block last time) or hands a full one over. False when a
-// lock could not be had in time.
-bool ZuDegbugOfflineLogger::chooseQueueStep(threadLocalInfo& local, unsigned int length, Deadline deadline,
-                                            QueueStep* step) {
+// reset of every record, no block last time) or hands a full one over.
+ZuDegbugOfflineLogger::QueueStep ZuDegbugOfflineLogger::chooseQueueStep(threadLocalInfo& local,
+                                                                        unsigned int length) {
   const uint32_t session = mState->mSessionCount.load(std::memory_order_relaxed);
-  *step = QueueStep::Keep;
   if (local.session != session) {
     // First line of this thread, or the logger was restarted: the old queue is gone.
     local.session = session;
@@ -513,11 +498,11 @@ bool ZuDegbugOfflineLogger::chooseQueueStep(threadLocalInfo& local, unsigned int
     local.queueAddress = nullptr;
     local.offset = 0;
     local.bytesSinceReset = 0;
-    *step = QueueStep::Fresh;
-  } else if (local.record != nullptr && local.epoch != mState->mRecordEpoch.load(std::memory_order_relaxed)) {
+    return QueueStep::Fresh;
+  }
+  if (local.record != nullptr && local.epoch != mState->mRecordEpoch.load(std::memory_order_relaxed)) {
     // Every record was reset since this thread took its queue: what is left of it?
-    HeldLock<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex, deadline);
-    if (!queueLock.held()) return false;
+    std::lock_guard<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex);
     const int id = local.sThreadLocalQueuePoolId;
     if (id < 0 || id >= static_cast<int>(mState->mPerLogInfoPool.size())) {
       ZU_OFFLINE_LOG_AS(
@@ -533,33 +518,30 @@ bool ZuDegbugOfflineLogger::chooseQueueStep(threadLocalInfo& local, unsigned int
                         record.memoryIndex);
     }
     local.record = nullptr;
-    *step = QueueStep::Fresh;
-  } else if (local.queueAddress == nullptr) {
-    // No block could be had last time: try again.
-    *step = QueueStep::Fresh;
-  } else if (local.offset + length > kBlockSize || local.bytesSinceReset > kVolumeLimit) {
+    return QueueStep::Fresh;
+  }
+  // No block could be had last time: try again.
+  if (local.queueAddress == nullptr) return QueueStep::Fresh;
+  if (local.offset + length > kBlockSize || local.bytesSinceReset > kVolumeLimit) {
     // Full, or past the volume a thread writes into queues before it hands over.
     if (local.bytesSinceReset > kVolumeLimit) local.bytesSinceReset = 0;
-    *step = QueueStep::HandOver;
+    return QueueStep::HandOver;
   }
-  return true;
+  return QueueStep::Keep;
 }
 
 // Hands the full queue over (when asked) and takes a fresh one, both or neither. Lines
-// lost while no block could be had are told in the first block there is. False when
-// a lock could not be had in time.
-bool ZuDegbugOfflineLogger::takeFreshQueue(threadLocalInfo& local, bool handOver, Deadline deadline) {
-  HeldLock<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex, deadline);
-  if (!queueLock.held()) return false;
-  HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
-  if (!poolLock.held()) return false;
-  if (handOver) requestFlushLogQueueUntil(local.sThreadLocalQueuePoolId, deadline);
+// lost while no block could be had are told in the first block there is.
+void ZuDegbugOfflineLogger::takeFreshQueue(threadLocalInfo& local, bool handOver) {
+  std::lock_guard<ZuOwnedRecursiveMutex> queueLock(mState->mQueueMutex);
+  std::lock_guard<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex);
+  if (handOver) requestFlushLogQueue(local.sThreadLocalQueuePoolId);
   uint8_t* queue = nullptr;
-  const int id = requestNewLogQueueUntil(queue, zuCurrentTid(), deadline, nullptr);
+  const int id = requestNewLogQueue(queue, zuCurrentTid());
   local.queueAddress = queue;
   local.sThreadLocalQueuePoolId = id;
   local.offset = 0;
-  if (queue == nullptr) return true;
+  if (queue == nullptr) return;
   const uint32_t dropped = mState->mDroppedLines.exchange(0, std::memory_order_relaxed);
   if (dropped > 0) {
     char notice[256];
@@ -567,13 +549,8 @@ bool ZuDegbugOfflineLogger::takeFreshQueue(threadLocalInfo& local, bool handOver
         formatDiagnosticLine(notice, sizeof(notice), "E", zuBaseName(__FILE__), "addLog", __LINE__,
                              "OfflineLogger dropped %u lines: no queue memory could be had", dropped);
     memcpy(local.queueAddress, notice, n);
-    local.offset = static_cast<uint32_t>(n);
-    local.bytesSinceReset += static_cast<uint32_t>(n);
-    local.record->usedSize = local.offset;
-    local.record->writtenTotal = local.bytesSinceReset;
-    pool::storeRelease(&local.desc->used, local.offset);
+    publish(local, static_cast<unsigned int>(n));
   }
-  return true;
 }
 
 // ---- files ----

@@ -126,11 +126,8 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
 
   void leaveAppend(ThreadRecord& thread, threadLocalInfo& local);
   enum class QueueStep { Keep, Fresh, HandOver };
-  bool chooseQueueStep(threadLocalInfo& local, unsigned int length, Deadline deadline, QueueStep* step);
-  bool takeFreshQueue(threadLocalInfo& local, bool handOver, Deadline deadline);
-  // Lock-taking helpers that give up at the deadline (never, for Deadline::max()).
-  int requestNewLogQueueUntil(uint8_t*& queue, uint32_t threadId, Deadline deadline, bool* blocked);
-  bool requestFlushLogQueueUntil(int registerId, Deadline deadline);
+  QueueStep chooseQueueStep(threadLocalInfo& local, unsigned int length);
+  void takeFreshQueue(threadLocalInfo& local, bool handOver);
   bool updateRecordCounters(int registerId, uint32_t used, uint32_t total, Deadline deadline);
   bool flushImpl(bool force, Deadline deadline, int* result);
   bool normalFlush(Deadline deadline, int* result);

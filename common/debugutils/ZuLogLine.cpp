@@ -174,49 +174,64 @@ bool entryFits(const SiteEntry& e, const ThreadRecord& t, const char* level, uns
          sameText(orEmpty(site->func), e.text + e.funcAt, e.funcLen);
 }
 
+// Where the parts of an origin start, and how long the caller's texts in it are.
+struct OriginParts {
+  size_t levelLen = 0;
+  size_t originAt = 0;  // the tag
+  size_t fileAt = 0;
+  size_t fileLen = 0;
+  size_t funcAt = 0;
+  size_t funcLen = 0;
+};
+
 // "<tag> <label> [<file>:<line> <func>() ]" behind what `out` holds.
-void putOrigin(LineCursor& out, unsigned int group, const Site* site, size_t* fileAt, size_t* funcAt) {
+void putOrigin(LineCursor& out, unsigned int group, const Site* site, OriginParts* parts) {
   const GroupEntry* g = findGroup(group);
   if (g == nullptr) g = &kUnknownGroup;
+  parts->originAt = out.pos;
   out.put(g->tag, g->tagLen);
   out.put(" ", 1);
   out.put(g->label, g->labelLen);
   out.put(" ", 1);
   if (site == nullptr) return;
-  *fileAt = out.pos;
+  parts->fileAt = out.pos;
   out.put(orEmpty(site->file));
+  parts->fileLen = out.pos - parts->fileAt;
   out.put(":", 1);
   out.putInt(site->line);
   out.put(" ", 1);
-  *funcAt = out.pos;
+  parts->funcAt = out.pos;
   out.put(orEmpty(site->func));
+  parts->funcLen = out.pos - parts->funcAt;
   out.put("() ", 3);
+}
+
+// "  <pid>  <tid> <level> " and the origin behind what `out` holds.
+void putThreadOrigin(LineCursor& out, const ThreadRecord& t, const char* level, unsigned int group,
+                     const Site* site, OriginParts* parts) {
+  out.put(t.ids, t.idsLen);
+  const size_t levelAt = out.pos;
+  out.put(orEmpty(level));
+  parts->levelLen = out.pos - levelAt;
+  out.put(" ", 1);
+  putOrigin(out, group, site, parts);
 }
 
 // Fills `e` for the site; false when the text does not fit an entry.
 bool fillEntry(SiteEntry& e, const ThreadRecord& t, const char* level, unsigned int group, const Site* site) {
   char text[kLineSize];
   LineCursor out{text, 0};
-  out.put(t.ids, t.idsLen);
-  out.put(orEmpty(level));
-  const size_t levelLen = out.pos - t.idsLen;
-  out.put(" ", 1);
-  const size_t originAt = out.pos;
-  size_t fileAt = 0;
-  size_t funcAt = 0;
-  putOrigin(out, group, site, &fileAt, &funcAt);
-  if (out.pos > kSiteText) return false;
-  const size_t fileLen = site ? strlen(orEmpty(site->file)) : 0;
-  const size_t funcLen = site ? strlen(orEmpty(site->func)) : 0;
-  if (levelLen > 255 || fileLen > 255 || funcLen > 255) return false;
+  OriginParts parts;
+  putThreadOrigin(out, t, level, group, site, &parts);
+  if (out.pos > kSiteText || parts.levelLen > 255 || parts.fileLen > 255 || parts.funcLen > 255) return false;
   memcpy(e.text, text, out.pos);
   e.len = static_cast<uint16_t>(out.pos);
-  e.originAt = static_cast<uint16_t>(originAt);
-  e.fileAt = static_cast<uint16_t>(fileAt);
-  e.funcAt = static_cast<uint16_t>(funcAt);
-  e.levelLen = static_cast<uint8_t>(levelLen);
-  e.fileLen = static_cast<uint8_t>(fileLen);
-  e.funcLen = static_cast<uint8_t>(funcLen);
+  e.originAt = static_cast<uint16_t>(parts.originAt);
+  e.fileAt = static_cast<uint16_t>(parts.fileAt);
+  e.funcAt = static_cast<uint16_t>(parts.funcAt);
+  e.levelLen = static_cast<uint8_t>(parts.levelLen);
+  e.fileLen = static_cast<uint8_t>(parts.fileLen);
+  e.funcLen = static_cast<uint8_t>(parts.funcLen);
   e.level = level;
   e.file = site ? site->file : nullptr;
   e.func = site ? site->func : nullptr;
@@ -246,9 +261,8 @@ size_t beginLine(ThreadRecord& t, char* buf, const char* level, unsigned int gro
   if ((!t.dateValid || t.second != ts.tv_sec) && !refreshDate(t, ts.tv_sec)) {
     // No stamp: the line starts with its origin.
     LineCursor out{buf, 0};
-    size_t fileAt;
-    size_t funcAt;
-    putOrigin(out, group, site, &fileAt, &funcAt);
+    OriginParts parts;
+    putOrigin(out, group, site, &parts);
     *stampLen = 0;
     return out.pos;
   }
@@ -265,13 +279,9 @@ size_t beginLine(ThreadRecord& t, char* buf, const char* level, unsigned int gro
   }
   // Too long for the cache (or none to be had): in full.
   LineCursor out{buf, kTimeLen};
-  out.put(t.ids, t.idsLen);
-  out.put(orEmpty(level));
-  out.put(" ", 1);
-  *stampLen = out.pos < kLineSize - 1 ? out.pos : kLineSize - 1;
-  size_t fileAt;
-  size_t funcAt;
-  putOrigin(out, group, site, &fileAt, &funcAt);
+  OriginParts parts;
+  putThreadOrigin(out, t, level, group, site, &parts);
+  *stampLen = parts.originAt < kLineSize - 1 ? parts.originAt : kLineSize - 1;
   return out.pos;
 }
 
