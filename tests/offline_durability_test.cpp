@@ -319,11 +319,11 @@ struct PoolImage {
   std::string bytes;
   pool::PoolHeader* header() { return reinterpret_cast<pool::PoolHeader*>(&bytes[0]); }
   pool::BlockDesc* desc(uint32_t block) {
-    return reinterpret_cast<pool::BlockDesc*>(
-        &bytes[pool::kAreaBytes + (block / 16) * pool::kChunkBytes + (block % 16) * sizeof(pool::BlockDesc)]);
+    return reinterpret_cast<pool::BlockDesc*>(&bytes[pool::kHeaderBytes + (block / 16) * pool::kChunkBytes +
+                                                     (block % 16) * sizeof(pool::BlockDesc)]);
   }
   const char* data(uint32_t block) {
-    return &bytes[pool::kAreaBytes + (block / 16) * pool::kChunkBytes + pool::kAreaBytes +
+    return &bytes[pool::kHeaderBytes + (block / 16) * pool::kChunkBytes + pool::kAreaBytes +
                   static_cast<size_t>(block % 16) * pool::kBlockSize];
   }
   void save() const {
@@ -357,7 +357,7 @@ TEST(OfflineDurability, WriteCutShortByTheKill) {
     SCOPED_TRACE(complete ? "write completed" : "write torn");
     TempRoot root;
     PoolImage image = killedWriterPool(root);
-    ASSERT_GT(image.bytes.size(), pool::kAreaBytes + pool::kChunkBytes - 1);
+    ASSERT_GT(image.bytes.size(), pool::kHeaderBytes + pool::kChunkBytes - 1);
     uint32_t block = 0;
     while (block < 16 && image.desc(block)->used == 0) ++block;
     ASSERT_LT(block, 16u);
@@ -390,7 +390,7 @@ TEST(OfflineDurability, DamagedPoolFiles) {
   TempRoot root;
   PoolImage image = killedWriterPool(root);
   ASSERT_FALSE(image.path.empty());
-  const std::string cut = image.bytes.substr(0, pool::kAreaBytes + 5000);
+  const std::string cut = image.bytes.substr(0, pool::kHeaderBytes + 5000);
   // One block with impossible counters is skipped; the others are recovered.
   image.desc(0)->used = pool::kBlockSize + 1;
   // A pending write that names a file outside the log directory is ignored.

@@ -17,8 +17,6 @@
 #include <time.h>
 #include <ucontext.h>
 #include <unistd.h>
-#include <utils/CallStack.h>
-#include <utils/String8.h>
 
 #include <algorithm>
 #include <atomic>
@@ -29,6 +27,7 @@
 #include <zudebug_platform/fs.h>
 #include <zudebug_platform/signal_context.h>
 
+#include "ZuCrashRecord.h"
 #include "ZuDebugDiag.h"
 #include "ZuLogLine.h"
 #include "ZuOfflineLoggerState.h"
@@ -253,6 +252,14 @@ ZuDegbugOfflineLogger* ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType ty
     return pair;
   }();
   return loggers[slotOf(type)];
+}
+
+ZuDegbugOfflineLogger* ZuDegbugOfflineLogger::existingInstance(ZuOfflineLoggerType type) {
+  return sLoggers[slotOf(type)].load(std::memory_order_acquire);
+}
+
+bool ZuDegbugOfflineLogger::acceptsLines() const {
+  return mState->mAccepting.load(std::memory_order_acquire);
 }
 
 ZuDegbugOfflineLogger::ZuDegbugOfflineLogger(ZuOfflineLoggerType type) : mState(new State(type)) {}
@@ -623,9 +630,15 @@ bool ZuDegbugOfflineLogger::forcedFlush(Deadline deadline, int* result) {
   if (!fileLock.held()) return false;
   HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
   if (!poolLock.held()) return false;
+  forcedFlushLocked(result);
+  return true;
+}
+
+// Under the file mutex and the pool mutex.
+void ZuDegbugOfflineLogger::forcedFlushLocked(int* result) {
   if (mState->mStatus.load() == kStatusStopped) {
     *result = -1;
-    return true;
+    return;
   }
   mState->mStatus.store(kStatusStopping);
   // Handed-over queues first, in hand-over order, then every queue still owned.
@@ -642,7 +655,6 @@ bool ZuDegbugOfflineLogger::forcedFlush(Deadline deadline, int* result) {
   }
   writeCrashRecordsLocked();
   rotateLocked();
-  return true;
 }
 
 // Under the pool mutex: a written queue that was handed over goes back to the free lists.
@@ -1003,21 +1015,6 @@ bool ZuDegbugOfflineLogger::setFlushTriggerLink(void (*trigger)()) {
   return true;
 }
 
-bool ZuDegbugOfflineLogger::setCrashFlushLink(CrashFlushLink link) {
-  if (link == nullptr) return false;
-  mState->mCrashFlushLink.store(link, std::memory_order_release);
-  return true;
-}
-
-bool ZuDegbugOfflineLogger::flushForCrash(Deadline deadline) {
-  if (CrashFlushLink link = mState->mCrashFlushLink.load(std::memory_order_acquire))
-    return link(mState->mZuOfflineLoggerType, deadline);
-  int result = 0;
-  if (!flushLogToFileUntil(true, deadline, &result)) return false;
-  if (result == 0) activeOfflineLogger();
-  return true;
-}
-
 bool ZuDegbugOfflineLogger::isHeldByCurrentThread() const {
   return mState->mPoolLock.heldByCurrentThread() || mState->mPoolMutex.heldByCurrentThread() ||
          mState->mQueueMutex.heldByCurrentThread() || mState->mFileMutex.heldByCurrentThread();
@@ -1025,461 +1022,88 @@ bool ZuDegbugOfflineLogger::isHeldByCurrentThread() const {
 
 // ---- crash records ----
 
-namespace {
-
-// "<year>-<month>-<day>--<h>-<m>-<s>-<usec>" of now, as file names carry it; empty
-// when the local time is not known.
-void formatTimeOfDay(char* out, size_t size, const char* fmt) {
-  struct timeval tv;
-  gettimeofday(&tv, nullptr);
-  struct tm tm;
-  out[0] = '\0';
-  if (localtime_r(&tv.tv_sec, &tm) != nullptr)
-    snprintf(out, size, fmt, tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-             static_cast<long>(tv.tv_usec));
-}
-
-// Writes bytes into a new file of the logger's type, with async-signal-safe calls.
-void writeCrashFile(const char* typeName, const uint8_t* data, uint32_t len) {
-  char stamp[64];
-  formatTimeOfDay(stamp, sizeof(stamp), "%2d-%02d-%02d--%02d-%02d-%02d-%03ld");
-  char name[PLATFORM_PATH_MAX];
-  snprintf(name, sizeof(name), "%s/ZuCam_%s_%s.txt", kLogDir, typeName, stamp);
-  const int fd = devfs::openFd(name, O_WRONLY | O_CREAT | O_APPEND, 0666);
-  if (fd < 0) return;
-  fchmod(fd, 0666);
-  writeAll(fd, data, len);
-  ::close(fd);
-}
-
-}  // namespace
-
-ZuDegbugOfflineLogger::CrashKeep ZuDegbugOfflineLogger::keepCrashRecord(const char* text, uint32_t len,
-                                                                        Deadline deadline) {
-  if (!mState->mAccepting.load(std::memory_order_acquire)) return CrashKeep::Off;
-  // The slots go away only under the write side of the pool lock. A thread stopped
-  // inside its own append already holds the shared side, and one stopped inside a
-  // stop holds the write side: neither may wait for it.
-  ThreadRecord& thread = threadRecord();
-  const threadLocalInfo& local = thread.append[slotOf(mState->mZuOfflineLoggerType)];
-  const bool takeShared = !local.inAppend && !mState->mPoolLock.heldByCurrentThread();
-  // A thread that never appended uses the shared stripe rather than claim one here.
-  const unsigned stripe = thread.stripe != 0 ? thread.stripe - 1 : ZuPoolLock::kSharedStripe;
-  if (takeShared && !mState->mPoolLock.lockShared(stripe, deadline)) return CrashKeep::NoRoom;
-  CrashKeep kept = CrashKeep::Off;
+bool ZuDegbugOfflineLogger::openCrashSlot(uint32_t tid, CrashSlotLease* lease) {
+  *lease = CrashSlotLease();
+  if (!mState->mAccepting.load(std::memory_order_acquire)) return false;
+  // The slots go away only under the write side of the pool lock, which is never
+  // waited for here: a writer at the door (or this very thread stopped inside a stop)
+  // sends the record elsewhere.
+  constexpr unsigned stripe = ZuPoolLock::kSharedStripe;
+  if (!mState->mPoolLock.lockShared(stripe, Deadline::min())) return false;
   if (mState->mAccepting.load(std::memory_order_acquire) && mState->mPoolFile) {
     const pool::CrashArea& area = mState->mPoolFile->crashArea();
-    if (area.keep(text, len, zuCurrentTid()) < 0)
-      kept = CrashKeep::NoRoom;
-    else
-      kept = area.durable() ? CrashKeep::InPoolFile : CrashKeep::InMemory;
+    const int slot = area.claim(tid);
+    if (slot >= 0) {
+      lease->area = &area;
+      lease->slot = slot;
+      lease->durable = area.durable();
+      lease->data = area.bytes(static_cast<uint32_t>(slot));
+      lease->capacity = pool::kCrashSlotBytes;
+      return true;
+    }
   }
-  if (takeShared) mState->mPoolLock.unlockShared(stripe);
-  return kept;
+  mState->mPoolLock.unlockShared(stripe);
+  return false;
 }
 
-void ZuDegbugOfflineLogger::writeCrashRecordStraight(const char* text, uint32_t len) {
-  writeCrashFile(mState->mTypeName.c_str(), reinterpret_cast<const uint8_t*>(text), len);
+void ZuDegbugOfflineLogger::publishCrashSlot(void* lease, uint32_t used) {
+  const auto* l = static_cast<const CrashSlotLease*>(lease);
+  static_cast<const pool::CrashArea*>(l->area)->publish(static_cast<uint32_t>(l->slot), used);
 }
 
-void ZuDegbugOfflineLogger::writeCrashRecordsStraight() {
+void ZuDegbugOfflineLogger::closeCrashSlot(const CrashSlotLease& lease) {
+  if (lease.area == nullptr) return;
+  static_cast<const pool::CrashArea*>(lease.area)->complete(static_cast<uint32_t>(lease.slot));
+  mState->mPoolLock.unlockShared(ZuPoolLock::kSharedStripe);
+}
+
+bool ZuDegbugOfflineLogger::setCrashFlushGate(CrashFlushGate gate) {
+  if (gate == nullptr) return false;
+  mState->mCrashFlushGate.store(gate, std::memory_order_release);
+  return true;
+}
+
+bool ZuDegbugOfflineLogger::lockForCrashFlush(uint32_t tid) {
+  if (!mState->mAccepting.load(std::memory_order_acquire)) return false;
+  // Held by the interrupted code of this very thread: its state is half changed.
+  if (mState->mFileMutex.heldBy(tid) || mState->mPoolMutex.heldBy(tid) || mState->mQueueMutex.heldBy(tid))
+    return false;
+  const CrashFlushGate gate = mState->mCrashFlushGate.load(std::memory_order_acquire);
+  if (gate != nullptr && !gate(mState->mZuOfflineLoggerType, tid, true)) return false;
+  if (mState->mFileMutex.try_lock()) {
+    if (mState->mPoolMutex.try_lock()) return true;
+    mState->mFileMutex.unlock();
+  }
+  if (gate != nullptr) gate(mState->mZuOfflineLoggerType, tid, false);
+  return false;
+}
+
+void ZuDegbugOfflineLogger::unlockAfterCrashFlush() {
+  mState->mPoolMutex.unlock();
+  mState->mFileMutex.unlock();
+  if (const CrashFlushGate gate = mState->mCrashFlushGate.load(std::memory_order_acquire))
+    gate(mState->mZuOfflineLoggerType, 0, false);
+}
+
+int ZuDegbugOfflineLogger::flushHeldForCrash() {
+  int result = 0;
+  forcedFlushLocked(&result);
+  return result;
+}
+
+void ZuDegbugOfflineLogger::settleCrashRecordsInMemory(bool written) {
   if (!mState->mAccepting.load(std::memory_order_acquire) || !mState->mPoolFile) return;
   const pool::CrashArea& area = mState->mPoolFile->crashArea();
+  if (area.durable()) return;  // the pool file is shared with whoever wrote them, or the next start
   uint32_t order[pool::kCrashSlots];
   const uint32_t count = area.completeInOrder(order);
   for (uint32_t i = 0; i < count; ++i) {
     if (!area.take(order[i])) continue;
     const pool::CrashSlot& slot = area.slot(order[i]);
-    writeCrashFile(mState->mTypeName.c_str(), area.data(order[i]) + slot.flushed, slot.used - slot.flushed);
+    if (!written)
+      crash::writeStraight(mState->mTypeName.c_str(), area.data(order[i]) + slot.flushed,
+                           slot.used - slot.flushed);
     area.release(order[i]);
-  }
-}
-
-// ---- crash signal catcher ----
-
-namespace {
-
-// The signals the catcher handles, in the order they are installed, with their names.
-struct CaughtSignal {
-  int number;
-  const char* name;
-};
-constexpr CaughtSignal kCaughtSignals[] = {{SIGSEGV, "SIGSEGV"}, {SIGABRT, "SIGABRT"}, {SIGBUS, "SIGBUS"},
-                                           {SIGFPE, "SIGFPE"},   {SIGILL, "SIGILL"},   {SIGSYS, "SIGSYS"},
-                                           {SIGTRAP, "SIGTRAP"}};
-constexpr int kMaxSignal = 32;
-
-// Previous action of each caught signal, by signal number.
-struct sigaction sPreviousActions[kMaxSignal];
-bool sPreviousSaved[kMaxSignal];
-
-// Waiting for the offline logger's locks stops after this long in all; then the
-// flush is skipped (the record stays in its crash slot) and the signal passed on.
-constexpr int kLockBudgetMs = 2000;
-// A catcher that is done waits at most this long for catchers of other threads that
-// are still writing their records before it passes its signal on.
-constexpr int kOthersBudgetMs = 2000;
-// Should the catcher itself get stuck anyway (a lock of the C library held by the
-// interrupted code), the process is killed after this long instead of hanging.
-constexpr int kWatchdogSeconds = 10;
-
-// Set while this thread writes a record: a signal raised meanwhile is passed on at
-// once.
-thread_local int sCatcherDepth = 0;
-// Catchers between taking their record and finishing their flush, over all threads,
-// and how many ever started.
-std::atomic<int> sCatchersInFlight{0};
-std::atomic<int> sCatchersStarted{0};
-// How long a finished catcher watches for others to start before it goes on.
-constexpr int kQuietSpellMs = 20;
-
-}  // namespace
-
-namespace {
-
-bool isCaught(int signal) {
-  for (const CaughtSignal& s : kCaughtSignals)
-    if (s.number == signal) return true;
-  return false;
-}
-
-// A fault raised by the kernel at the faulting instruction: returning re-executes
-// it. Breakpoints and seccomp traps resume after the instruction instead.
-bool refaultsOnReturn(int signal, const siginfo_t* info) {
-  if (info == nullptr || info->si_code <= 0) return false;
-  return signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL;
-}
-
-// Raised by the kernel rather than sent by a process: the kernel itself does not let
-// such a signal be ignored or blocked.
-bool isHardwareSignal(const siginfo_t* info) { return info != nullptr && info->si_code > 0; }
-
-// Dies of `signal` as if no handler had been installed. A fault is left to recur when
-// the handler returns, so that a core dump shows the faulting instruction; anything
-// else is raised again on this thread.
-void dieOfDefaultAction(int signal, const siginfo_t* info) {
-  struct sigaction dfl;
-  memset(&dfl, 0, sizeof(dfl));
-  dfl.sa_handler = SIG_DFL;
-  sigemptyset(&dfl.sa_mask);
-  sigaction(signal, &dfl, nullptr);
-  if (refaultsOnReturn(signal, info)) return;
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, signal);
-  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-  syscall(SYS_tgkill, getpid(), static_cast<pid_t>(syscall(SYS_gettid)), signal);
-}
-
-// Kills the process with SIGKILL unless disarmed in time.
-class CatcherWatchdog {
- public:
-  CatcherWatchdog() {
-    struct sigevent ev;
-    memset(&ev, 0, sizeof(ev));
-    ev.sigev_notify = SIGEV_SIGNAL;
-    ev.sigev_signo = SIGKILL;
-    int id = -1;
-    if (syscall(SYS_timer_create, CLOCK_MONOTONIC, &ev, &id) != 0) return;
-    struct itimerspec when;
-    memset(&when, 0, sizeof(when));
-    when.it_value.tv_sec = kWatchdogSeconds;
-    if (syscall(SYS_timer_settime, id, 0, &when, nullptr) != 0) {
-      syscall(SYS_timer_delete, id);
-      return;
-    }
-    mTimer = id;
-  }
-  ~CatcherWatchdog() { disarm(); }
-  void disarm() {
-    if (mTimer >= 0) syscall(SYS_timer_delete, mTimer);
-    mTimer = -1;
-  }
-
- private:
-  int mTimer = -1;
-};
-
-// Time stamp of every record line; false when the local time is not known.
-bool formatStamp(char* stamp, size_t size) {
-  struct timespec now;
-  struct tm local;
-  if (clock_gettime(CLOCK_REALTIME, &now) != 0 || localtime_r(&now.tv_sec, &local) == nullptr) return false;
-  // The sub-second part is the nanosecond count, printed with at least six digits.
-  snprintf(stamp, size, "%02d-%02d %02d:%02d:%02d:%06ld  %4d  %4d", local.tm_mon + 1, local.tm_mday,
-           local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(now.tv_nsec),
-           static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)));
-  return true;
-}
-
-// The whole record of one crash, composed before it is handed to the logger, so that
-// it reaches the log in one piece. Lines that no longer fit are left out whole.
-struct CrashRecord {
-  char text[pool::kCrashSlotBytes];
-  uint32_t len = 0;
-  void add(const char* line, size_t n) {
-    if (n == 0 || n > sizeof(text) - len) return;
-    memcpy(text + len, line, n);
-    len += static_cast<uint32_t>(n);
-  }
-};
-
-// Records are composed in process memory, not on the (alternate) stack, which may be
-// small. One per catcher running at once; a catcher finding none taken leaves no record.
-constexpr uint32_t kRecordBuffers = 8;
-CrashRecord sRecordBuffers[kRecordBuffers];
-std::atomic<uint32_t> sRecordBuffersTaken{0};
-
-CrashRecord* takeRecordBuffer() {
-  for (uint32_t i = 0; i < kRecordBuffers; ++i) {
-    const uint32_t bit = 1u << i;
-    if ((sRecordBuffersTaken.fetch_or(bit, std::memory_order_acq_rel) & bit) == 0) {
-      sRecordBuffers[i].len = 0;
-      return &sRecordBuffers[i];
-    }
-  }
-  return nullptr;
-}
-
-void giveBackRecordBuffer(CrashRecord* record) {
-  const uint32_t i = static_cast<uint32_t>(record - sRecordBuffers);
-  sRecordBuffersTaken.fetch_and(~(1u << i), std::memory_order_acq_rel);
-}
-
-void addHeader(CrashRecord& record, const char* stamp, int signal, const siginfo_t* info) {
-  char header[1024];
-  snprintf(header, sizeof(header),
-           "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n"
-           "%s F DEBUG   : pid: %d, tid: %d\n"
-           "%s F DEBUG   : signal %d, code %d, fault addr %p\n"
-           "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n",
-           stamp, stamp, static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)), stamp, signal,
-           info != nullptr ? info->si_code : 0, info != nullptr ? info->si_addr : nullptr, stamp);
-  record.add(header, strnlen(header, sizeof(header)));
-}
-
-// Next "#" that starts a frame line. A "#" inside a symbol name ("{lambda()#1}")
-// stays with its frame.
-char* nextFrameMark(char* from, const char* text) {
-  for (char* m = strchr(from, '#'); m != nullptr; m = strchr(m + 1, '#'))
-    if (m == text || m[-1] == '\n') return m;
-  return nullptr;
-}
-
-using platform::interruptedPc;
-
-// Where the module that holds `pc` is mapped; 0 when no module does.
-uintptr_t moduleStart(uintptr_t pc) {
-#if defined(DLFO_STRUCT_HAS_EH_DBASE)
-  struct dl_find_object found;  // no lock taken: the crash may have come with one held
-  if (_dl_find_object(reinterpret_cast<void*>(pc), &found) == 0)
-    return reinterpret_cast<uintptr_t>(found.dlfo_map_start);
-  return 0;
-#else
-  Dl_info info;
-  if (dladdr(reinterpret_cast<void*>(pc), &info) == 0) return 0;
-  return reinterpret_cast<uintptr_t>(info.dli_fbase);
-#endif
-}
-
-// The pc field of a frame line ("#NN pc <16 hex digits>  ..."), or false.
-bool framePc(const char* line, uintptr_t* pc) {
-  const char* field = strstr(line, " pc ");
-  if (field == nullptr || field - line > 8) return false;
-  char* end = nullptr;
-  unsigned long long v = strtoull(field + 4, &end, 16);
-  if (end != field + 20) return false;
-  *pc = static_cast<uintptr_t>(v);
-  return true;
-}
-
-// Index of the first frame of `text` the record shows: the signal frame, the one
-// just outside the frame the signal interrupted, which is found by its pc (as the
-// unwinder shows it, maybe taken back like a return address). Frames between this
-// function and the signal frame (a sanitizer's or a signal-chaining library's
-// handler calling this one) are left out. Without a context, or when no frame
-// matches, everything after this function's own frame 0.
-size_t firstRecordedFrame(const char* text, const void* context) {
-  const uintptr_t pc = interruptedPc(context);
-  if (pc == 0) return 1;
-  const uintptr_t rel = pc - moduleStart(pc);
-#if defined(__aarch64__)
-  constexpr uintptr_t kCallAdjust = 4;  // one instruction
-#else
-  constexpr uintptr_t kCallAdjust = 1;  // one byte
-#endif
-  size_t index = 0;
-  for (const char* line = text; line != nullptr && *line != '\0'; ++index) {
-    uintptr_t shown = 0;
-    if (index >= 2 && line[0] == '#' && framePc(line, &shown) && (shown == rel || shown + kCallAdjust == rel))
-      return index - 1;
-    line = strchr(line, '\n');
-    if (line != nullptr) ++line;
-  }
-  return 1;
-}
-
-// One line per piece of the stack text between frame marks ("#"), from frame `first`
-// on, numbered from #01. The text before the first mark and the frames before
-// `first` are left out; every other piece keeps the newline that ended its frame.
-void addFrames(CrashRecord& record, char* text, const char* stamp, size_t first) {
-  char line[1024];
-  size_t piece = 0;
-  for (char* p = text; p != nullptr;) {
-    char* mark = nextFrameMark(p, text);
-    if (mark != nullptr) *mark = '\0';
-    // Piece 0 is the text before frame #00.
-    if (piece >= first + 1) {
-      const char* rest = p + strspn(p, "0123456789");  // past the frame's own number
-      const size_t number = piece - first;
-      int n = stamp != nullptr ? snprintf(line, sizeof(line), "%s F DEBUG   : #%02zu%s", stamp, number, rest)
-                               : snprintf(line, sizeof(line), "F DEBUG   : #%02zu%s", number, rest);
-      if (n > 0) record.add(line, std::min(static_cast<size_t>(n), sizeof(line) - 1));
-    }
-    ++piece;
-    p = mark != nullptr ? mark + 1 : nullptr;
-  }
-}
-
-// Hands the record to the Debug logger and forces both loggers to disk. A record the
-// flush could not write stays in its crash slot: in the pool file it waits for the
-// next start; in process memory it is written straight into a file of its own.
-void keepAndFlush(const CrashRecord* record, Clock::time_point deadline) {
-  ZuDegbugOfflineLogger* logger = ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType::Debug);
-  using Keep = ZuDegbugOfflineLogger::CrashKeep;
-  const Keep kept = record != nullptr && record->len > 0
-                        ? logger->keepCrashRecord(record->text, record->len, deadline)
-                        : Keep::Off;
-  const bool flushed = logger->flushForCrash(deadline);
-  ZuDegbugOfflineLogger::getInstance(ZuOfflineLoggerType::Binary)->flushForCrash(deadline);
-  if (flushed) return;
-  if (kept == Keep::InMemory) {
-    logger->writeCrashRecordsStraight();
-  } else if (kept == Keep::NoRoom) {
-    logger->writeCrashRecordStraight(record->text, record->len);
-  }
-}
-
-// Catchers of other threads may still be writing their records: the process dies
-// with the first signal passed on, so wait for them, a bounded while. A thread that
-// faulted but has not been given a processor yet is not counted: once none is left,
-// a short quiet spell in which no new one starts ends the wait.
-void waitForOtherCatchers() {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(kOthersBudgetMs);
-  auto quietUntil = Clock::now() + std::chrono::milliseconds(kQuietSpellMs);
-  int started = sCatchersStarted.load(std::memory_order_acquire);
-  for (;;) {
-    const auto now = Clock::now();
-    if (now >= deadline) return;
-    const int startedNow = sCatchersStarted.load(std::memory_order_acquire);
-    if (startedNow != started || sCatchersInFlight.load(std::memory_order_acquire) > 0) {
-      started = startedNow;
-      quietUntil = now + std::chrono::milliseconds(kQuietSpellMs);
-    } else if (now >= quietUntil) {
-      return;
-    }
-    struct timespec pause = {0, 1000000};
-    nanosleep(&pause, nullptr);
-  }
-}
-
-}  // namespace
-
-void RegisterSignalHandlers() {
-  PrepareCrashSignalStack();
-  struct sigaction current;
-  memset(&current, 0, sizeof(current));
-  bool gotSegv = sigaction(SIGSEGV, nullptr, &current) == 0;
-  if (!gotSegv) ZU_DBG_LOGE("Failed to get signal handler for SIGSEGV");
-  // Installing twice must not make the catcher its own predecessor.
-  const bool alreadyOurs =
-      gotSegv && (current.sa_flags & SA_SIGINFO) != 0 && current.sa_sigaction == SignalCatcher;
-  if (!alreadyOurs) {
-    sPreviousActions[SIGSEGV] = current;
-    sPreviousSaved[SIGSEGV] = gotSegv;
-  }
-
-  struct sigaction action;
-  memset(&action, 0, sizeof(action));
-  action.sa_mask = current.sa_mask;
-  // On the thread's alternate stack, so that a stack overflow is caught too.
-  action.sa_flags = current.sa_flags | SA_SIGINFO | SA_ONSTACK;
-  action.sa_sigaction = SignalCatcher;
-
-  for (const CaughtSignal& caught : kCaughtSignals) {
-    const int signal = caught.number;
-    bool ok;
-    if (signal == SIGSEGV) {
-      ok = sigaction(signal, &action, nullptr) == 0;
-    } else {
-      struct sigaction previous;
-      memset(&previous, 0, sizeof(previous));
-      ok = sigaction(signal, &action, &previous) == 0;
-      const bool prevOurs = (previous.sa_flags & SA_SIGINFO) != 0 && previous.sa_sigaction == SignalCatcher;
-      if (ok && !prevOurs) {
-        sPreviousActions[signal] = previous;
-        sPreviousSaved[signal] = true;
-      }
-    }
-    if (!ok) ZU_DBG_LOGE("Failed to register signal handler for %s", caught.name);
-  }
-}
-
-void SignalCatcher(int signal, siginfo_t* info, void* context) {
-  const int savedErrno = errno;
-  CatcherWatchdog watchdog;
-  if (sCatcherDepth == 0) {
-    ++sCatcherDepth;
-    sCatchersInFlight.fetch_add(1, std::memory_order_acq_rel);
-    sCatchersStarted.fetch_add(1, std::memory_order_acq_rel);
-    const auto deadline = Clock::now() + std::chrono::milliseconds(kLockBudgetMs);
-    char stamp[100] = "";
-    const bool haveStamp = formatStamp(stamp, sizeof(stamp));
-    CrashRecord* record = takeRecordBuffer();
-    if (record == nullptr) ZU_DBG_LOGE("Signal %d: too many crashes at once, no record of this one", signal);
-    if (record != nullptr && haveStamp) addHeader(*record, stamp, signal, info);
-
-    // Captured here: as the platform counts, frame 0 is then this function.
-    char text[4096];
-    {
-      android::CallStack stack;
-      stack.update(2, -1);
-      android::String8 rendered = stack.toString(nullptr);
-      size_t len = std::min(rendered.length(), sizeof(text) - 1);
-      memcpy(text, rendered.c_str(), len);
-      // A deep stack is cut at the last whole frame, never inside one.
-      if (len < rendered.length())
-        while (len > 0 && text[len - 1] != '\n') --len;
-      text[len] = '\0';
-    }
-    if (record != nullptr)
-      addFrames(*record, text, haveStamp ? stamp : nullptr, firstRecordedFrame(text, context));
-    keepAndFlush(record, deadline);
-    if (record != nullptr) giveBackRecordBuffer(record);
-    sCatchersInFlight.fetch_sub(1, std::memory_order_acq_rel);
-    waitForOtherCatchers();
-    --sCatcherDepth;
-  }
-  watchdog.disarm();
-  if (signal > 0 && signal < kMaxSignal && isCaught(signal) && sPreviousSaved[signal]) {
-    InvokeDefaultHndlr(sPreviousActions[signal], signal, info, context);
-  } else {
-    ZU_DBG_LOGE("Signal %d received, No action matching", signal);
-  }
-  errno = savedErrno;
-}
-
-void InvokeDefaultHndlr(const struct sigaction& action, int signal, siginfo_t* info, void* context) {
-  if (action.sa_handler == SIG_DFL) {
-    dieOfDefaultAction(signal, info);
-  } else if (action.sa_handler == SIG_IGN) {
-    // The kernel does not let a fault be ignored: without the catcher the process
-    // would have died of it.
-    if (isHardwareSignal(info)) dieOfDefaultAction(signal, info);
-  } else if ((action.sa_flags & SA_SIGINFO) != 0) {
-    action.sa_sigaction(signal, info, context);
-  } else {
-    action.sa_handler(signal);
   }
 }
 

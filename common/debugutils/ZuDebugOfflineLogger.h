@@ -1,6 +1,6 @@
 // Offline logger: per-thread in-memory queues drawn from a pool of 1 MiB blocks,
 // flushed into rotating files under /data/vendor/camera/offlinelog.
-// Also the crash signal catcher, which writes its record through this logger.
+// Also the crash signal catcher's entry points, which write records through this logger.
 #pragma once
 
 #include <signal.h>
@@ -53,13 +53,6 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   void activeOfflineLogger();
   bool isEnableOfflinelogger();
   bool setFlushTriggerLink(void (*trigger)());
-  // The forced flush a crash handler asks for. Whoever serialises this logger's
-  // forced flushes (the facade, with its control mutex) registers here how to do one
-  // within a deadline; without a link the logger flushes on its own.
-  using CrashFlushLink = bool (*)(ZuOfflineLoggerType type, Deadline deadline);
-  bool setCrashFlushLink(CrashFlushLink link);
-  // False when the flush could not be done in time.
-  bool flushForCrash(Deadline deadline);
 
   // Queues.
   int allocateLogQueueMemPool();
@@ -96,19 +89,39 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   // `result` receives what flushLogToFile would return.
   bool flushLogToFileUntil(bool force, Deadline deadline, int* result = nullptr);
 
-  // Crash records, for the crash catcher. keepCrashRecord copies a whole record into a
-  // crash slot of the pool without taking the logger's locks, also when the calling
-  // thread was stopped inside them; the next forced flush writes it behind the queues.
-  // A record kept in the pool file that no flush wrote is written by the next start.
-  enum class CrashKeep { Off, InPoolFile, InMemory, NoRoom };
-  CrashKeep keepCrashRecord(const char* text, uint32_t len, Deadline deadline);
-  // Writes one record that could not be kept into a new file of its own, with
-  // async-signal-safe calls only.
-  void writeCrashRecordStraight(const char* text, uint32_t len);
-  // Writes the kept records that no flush took into a file of their own, with
-  // async-signal-safe calls only: for records kept in process memory when the forced
-  // flush could not run.
-  void writeCrashRecordsStraight();
+  // Crash records, for the crash catcher; every call but flushHeldForCrash is
+  // async-signal-safe and waits for nothing. openCrashSlot lends a crash slot of the
+  // pool to a record of thread `tid` (false when the logger does not take lines, a
+  // writer holds the pool, or every slot is taken); the record is written into `data`
+  // and each whole line published; closeCrashSlot marks it whole, for the next forced
+  // flush to write behind the queues (or the next start, when the process dies first).
+  struct CrashSlotLease {
+    const void* area = nullptr;
+    int slot = -1;
+    bool durable = false;  // in the pool file: the next start finds it
+    uint8_t* data = nullptr;
+    uint32_t capacity = 0;
+  };
+  bool openCrashSlot(uint32_t tid, CrashSlotLease* lease);
+  static void publishCrashSlot(void* lease, uint32_t used);
+  void closeCrashSlot(const CrashSlotLease& lease);
+  // The file and pool mutexes, taken only when free and not held by `tid`; then, in a
+  // process that may allocate (the catcher's helper child, which shares the pool file),
+  // the forced flush under them.
+  bool lockForCrashFlush(uint32_t tid);
+  // Whoever serialises this logger's forced flushes (the facade, with its control
+  // mutex) registers how to take that lock without waiting (`take`, refusing when
+  // `tid` holds it) and give it back (!`take`); taken before the logger's own.
+  using CrashFlushGate = bool (*)(ZuOfflineLoggerType type, uint32_t tid, bool take);
+  bool setCrashFlushGate(CrashFlushGate gate);
+  void unlockAfterCrashFlush();
+  int flushHeldForCrash();
+  // The whole records kept in process memory (no pool file): forgotten when the
+  // helper's flush `written` them, else written into files of their own.
+  void settleCrashRecordsInMemory(bool written);
+  // The logger of `type` if it was ever created, without creating it.
+  static ZuDegbugOfflineLogger* existingInstance(ZuOfflineLoggerType type);
+  bool acceptsLines() const;
 
   // Status values.
   static constexpr uint32_t kStatusActive = 0;
@@ -132,6 +145,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   bool flushImpl(bool force, Deadline deadline, int* result);
   bool normalFlush(Deadline deadline, int* result);
   bool forcedFlush(Deadline deadline, int* result);
+  void forcedFlushLocked(int* result);
   void recycleLocked(int registerId, PerLogThreadInfo& record);
   void rotateLocked();
   void writeRecordLocked(PerLogThreadInfo& record, bool waiting, bool force);

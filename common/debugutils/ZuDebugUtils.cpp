@@ -221,11 +221,15 @@ ZuDebugInterface* ZuDebugInterface::getInstance(ZuOfflineLoggerType type) {
 }
 
 namespace {
-// How the crash catcher has a facade force its logger to disk.
-bool forcedFlushForCrash(ZuOfflineLoggerType type, ZuDegbugOfflineLogger::Deadline deadline) {
-  return ZuDebugInterface::getInstance(type)->flushLogToFileInterfaceUntil(true, deadline);
+// How the crash catcher takes a facade's control mutex: only when it is free.
+bool crashFlushGate(ZuOfflineLoggerType type, uint32_t tid, bool take) {
+  ZuOwnedRecursiveMutex& control = ZuDebugInterface::getInstance(type)->controlMutex();
+  if (!take) {
+    control.unlock();
+    return true;
+  }
+  return !control.heldBy(tid) && control.try_lock();
 }
-
 }  // namespace
 
 ZuDebugInterface::ZuDebugInterface(ZuOfflineLoggerType type)
@@ -239,7 +243,7 @@ ZuDebugInterface::ZuDebugInterface(ZuOfflineLoggerType type)
   mExtended = zuDebugMask() >= 3;
   mFlushThread = std::thread(&ZuDebugInterface::requestOfflineLogThreadProcessing, this);
   mLogger->setFlushTriggerLink(signalOfflineLoggerThreadWrapper);
-  mLogger->setCrashFlushLink(forcedFlushForCrash);
+  mLogger->setCrashFlushGate(crashFlushGate);
 }
 
 ZuDebugInterface::~ZuDebugInterface() { shutdownFlushThread(); }

@@ -102,7 +102,7 @@ class ZUDEBUG_EXPORT ZuDebugInterface {
   void requestOfflineLogThreadProcessing();
   void dumpErrorInfoToFile(const char* text);
 
-  // Like flushLogToFileInterface, for callers that must not block (a crash handler):
+  // Like flushLogToFileInterface, for callers that must not block:
   // no lock (control mutex, the logger's locks) is waited for past `deadline`. False at
   // once, touching nothing, when the calling thread already holds one of those locks,
   // and false when a lock could not be had in time; true when the flush went through

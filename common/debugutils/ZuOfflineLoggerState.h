@@ -50,6 +50,7 @@ class ZuOwnedMutex {
     mBase.unlock();
   }
   bool heldByCurrentThread() const { return mOwner.load(std::memory_order_relaxed) == zuCurrentTid(); }
+  bool heldBy(uint32_t tid) const { return mOwner.load(std::memory_order_relaxed) == tid; }
 
  private:
   void noteAcquired() {
@@ -167,7 +168,7 @@ struct ZuDegbugOfflineLogger::State {
   uint32_t mFileLimit = 10;
   bool mDirectoryScanned = false;
   std::atomic<void (*)()> mFlushTrigger{nullptr};
-  std::atomic<CrashFlushLink> mCrashFlushLink{nullptr};
+  std::atomic<CrashFlushGate> mCrashFlushGate{nullptr};
 
   // Files.
   std::string mCurrentFileName;

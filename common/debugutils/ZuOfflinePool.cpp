@@ -56,13 +56,14 @@ bool writeAt(int fd, const void* buf, size_t len, uint64_t off) {
   return transferAll(fd, static_cast<const uint8_t*>(buf), len, off, ::pwrite);
 }
 
-uint64_t descOffset(uint32_t fileBlock) {
-  return kAreaBytes + (fileBlock / kBlocksPerChunk) * kChunkBytes +
+// Offsets in a pool file whose header area is `headerBytes` long.
+uint64_t descOffset(uint64_t headerBytes, uint32_t fileBlock) {
+  return headerBytes + (fileBlock / kBlocksPerChunk) * kChunkBytes +
          (fileBlock % kBlocksPerChunk) * sizeof(BlockDesc);
 }
 
-uint64_t blockOffset(uint32_t fileBlock) {
-  return kAreaBytes + (fileBlock / kBlocksPerChunk) * kChunkBytes + kAreaBytes +
+uint64_t blockOffset(uint64_t headerBytes, uint32_t fileBlock) {
+  return headerBytes + (fileBlock / kBlocksPerChunk) * kChunkBytes + kAreaBytes +
          static_cast<uint64_t>(fileBlock % kBlocksPerChunk) * kBlockSize;
 }
 
@@ -75,19 +76,16 @@ bool hasSuffix(const std::string& s, const char* suffix) {
 
 // ---- crash slots ----
 
-int CrashArea::keep(const char* text, uint32_t len, uint32_t tid) const {
-  if (mSlots == nullptr || len == 0 || len > kCrashSlotBytes) return -1;
+int CrashArea::claim(uint32_t tid) const {
+  if (mSlots == nullptr) return -1;
   static std::atomic<uint64_t> sSeq{0};
   for (uint32_t i = 0; i < kCrashSlots; ++i) {
     CrashSlot& s = mSlots[i];
     if (!casState(&s.state, kSlotFree, kSlotFilling)) continue;
     s.tid = tid;
+    storeRelease(&s.used, 0);
     storeRelease(&s.flushed, 0);
     __atomic_store_n(&s.seq, sSeq.fetch_add(1, std::memory_order_relaxed) + 1, __ATOMIC_RELAXED);
-    memcpy(mData + static_cast<uint64_t>(i) * kCrashSlotBytes, text, len);
-    // The count first, then the state: a reader that sees the slot complete sees it whole.
-    storeRelease(&s.used, len);
-    storeRelease(&s.state, kSlotComplete);
     return static_cast<int>(i);
   }
   return -1;
@@ -138,9 +136,11 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
     return false;
   };
   if (!lockWhole(fd)) return fail(errnoText("lock", errno));
-  if (int err = posix_fallocate(fd, 0, static_cast<off_t>(kAreaBytes)))
+  // The crash slots are reserved too: a catcher's store into a sparse page of a full
+  // disk would kill the process.
+  if (int err = posix_fallocate(fd, 0, static_cast<off_t>(kHeaderBytes)))
     return fail(errnoText("reserve", err));
-  void* head = mmap(nullptr, kAreaBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  void* head = mmap(nullptr, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (head == MAP_FAILED) return fail(errnoText("map", errno));
   auto* header = static_cast<PoolHeader*>(head);
   header->version = kVersion;
@@ -149,13 +149,13 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
   header->blockSize = kBlockSize;
   header->blocksPerChunk = kBlocksPerChunk;
   header->chunkCount = 0;
-  header->areaBytes = kAreaBytes;
+  header->areaBytes = kHeaderBytes;
   header->chunkBytes = kChunkBytes;
   header->createdNs = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
   // Nobody else looks at it before the rename below.
   memcpy(header->magic, kMagic, sizeof(kMagic));
   if (!devfs::renameFile(tmpPath.c_str(), finalPath.c_str())) {
-    munmap(head, kAreaBytes);
+    munmap(head, kHeaderBytes);
     return fail(errnoText("rename", errno));
   }
   mFd = fd;
@@ -167,7 +167,7 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
 bool PoolFile::grow(Chunk* out, std::string* why) {
   if (mHeader != nullptr) {
     const uint32_t n = mHeader->chunkCount;
-    const uint64_t off = kAreaBytes + n * kChunkBytes;
+    const uint64_t off = kHeaderBytes + n * kChunkBytes;
     // Reserved first: a store into a sparse page of a full disk would kill the process.
     if (int err = posix_fallocate(mFd, static_cast<off_t>(off), static_cast<off_t>(kChunkBytes))) {
       *why = errnoText("reserve", err);
@@ -199,7 +199,7 @@ void PoolFile::prepareCrashArea() {
     return;
   }
   if (mMemoryHeader == nullptr) {
-    void* area = mmap(nullptr, kAreaBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* area = mmap(nullptr, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     mMemoryHeader = area == MAP_FAILED ? nullptr : area;
   }
   mCrash = mMemoryHeader != nullptr ? CrashArea(static_cast<uint8_t*>(mMemoryHeader), false) : CrashArea();
@@ -210,11 +210,11 @@ void PoolFile::detachAfterFork() {
   for (Chunk& c : mChunks) {
     if (c.fileChunk < 0) continue;
     mmap(c.base, kChunkBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, mFd,
-         static_cast<off_t>(kAreaBytes + static_cast<uint64_t>(c.fileChunk) * kChunkBytes));
+         static_cast<off_t>(kHeaderBytes + static_cast<uint64_t>(c.fileChunk) * kChunkBytes));
     c.fileChunk = -1;
   }
   if (mHeader != nullptr) {
-    mmap(mHeader, kAreaBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, mFd, 0);
+    mmap(mHeader, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, mFd, 0);
     mDetachedHeader = mHeader;
     mHeader = nullptr;
     mCrash = CrashArea(static_cast<uint8_t*>(mDetachedHeader), false);
@@ -229,11 +229,11 @@ void PoolFile::close(bool remove) {
   mCrash = CrashArea();
   for (const Chunk& c : mChunks) munmap(c.base, kChunkBytes);
   mChunks.clear();
-  if (mHeader != nullptr) munmap(mHeader, kAreaBytes);
+  if (mHeader != nullptr) munmap(mHeader, kHeaderBytes);
   mHeader = nullptr;
-  if (mDetachedHeader != nullptr) munmap(mDetachedHeader, kAreaBytes);
+  if (mDetachedHeader != nullptr) munmap(mDetachedHeader, kHeaderBytes);
   mDetachedHeader = nullptr;
-  if (mMemoryHeader != nullptr) munmap(mMemoryHeader, kAreaBytes);
+  if (mMemoryHeader != nullptr) munmap(mMemoryHeader, kHeaderBytes);
   mMemoryHeader = nullptr;
   if (mFd >= 0) {
     // Removed before the lock goes: a recoverer that opened it meanwhile finds it unlinked.
@@ -274,17 +274,21 @@ class DeadPool {
       *why = "not a pool file";
       return false;
     }
-    // Files of the first layout have no crash slots.
+    // Files of the first layout have no crash slots; those before the third keep
+    // smaller ones in a smaller header area.
     if (mHeader.version < 2) memset(mHeader.crash, 0, sizeof(mHeader.crash));
+    mHeaderBytes = mHeader.version < 3 ? kV2HeaderBytes : kHeaderBytes;
+    mSlotBytes = mHeader.version < 3 ? kV2CrashSlotBytes : kCrashSlotBytes;
+    mSlotsAt = mHeader.version < 3 ? kV2CrashAreaOffset : kCrashAreaOffset;
     if (mHeader.blockSize != kBlockSize || mHeader.blocksPerChunk != kBlocksPerChunk ||
-        mHeader.areaBytes != kAreaBytes || mHeader.chunkBytes != kChunkBytes ||
+        mHeader.areaBytes != mHeaderBytes || mHeader.chunkBytes != kChunkBytes ||
         mHeader.loggerType != loggerType) {
       *why = "unknown layout";
       return false;
     }
-    const uint64_t whole = static_cast<uint64_t>(st.st_size) < kAreaBytes
+    const uint64_t whole = static_cast<uint64_t>(st.st_size) < mHeaderBytes
                                ? 0
-                               : (static_cast<uint64_t>(st.st_size) - kAreaBytes) / kChunkBytes;
+                               : (static_cast<uint64_t>(st.st_size) - mHeaderBytes) / kChunkBytes;
     mChunks = static_cast<uint32_t>(std::min<uint64_t>(mHeader.chunkCount, whole));
     if (mChunks < mHeader.chunkCount)
       ZU_DBG_LOGE("OfflineLogger pool file %s is cut short: %u of %u chunks readable", mPath.c_str(), mChunks,
@@ -303,7 +307,7 @@ class DeadPool {
       if (slot < kCrashSlots) {
         flushed = mHeader.crash[slot].flushed;
         used = mHeader.crash[slot].used;
-        limit = kCrashSlotBytes;
+        limit = mSlotBytes;
         flushedAt = offsetof(PoolHeader, crash) + slot * sizeof(CrashSlot) + offsetof(CrashSlot, flushed);
       }
     } else {
@@ -312,7 +316,7 @@ class DeadPool {
         flushed = desc.flushed;
         used = desc.used;
         limit = kBlockSize;
-        flushedAt = descOffset(in.block) + offsetof(BlockDesc, flushed);
+        flushedAt = descOffset(mHeaderBytes, in.block) + offsetof(BlockDesc, flushed);
       }
     }
     if (limit > 0 && trustedTarget(in) && flushed == in.from && in.from < in.to && in.to <= used &&
@@ -335,14 +339,14 @@ class DeadPool {
     clearIntent();
   }
 
-  // Crash records not yet in a file, in record order. A record the catcher did not
-  // finish copying is left out: it never was whole.
+  // Crash records not yet in a file, in record order. A record its catcher did not
+  // finish is taken with the lines it had: they are whole, the count grows a line at
+  // a time.
   std::vector<uint32_t> crashSlotsToRecover() {
     std::vector<uint32_t> out;
     for (uint32_t i = 0; i < kCrashSlots; ++i) {
       const CrashSlot& s = mHeader.crash[i];
-      if ((s.state == kSlotComplete || s.state == kSlotWriting) && s.used <= kCrashSlotBytes &&
-          s.flushed < s.used)
+      if (s.state != kSlotFree && s.state <= kSlotWriting && s.used <= mSlotBytes && s.flushed < s.used)
         out.push_back(i);
     }
     std::stable_sort(out.begin(), out.end(),
@@ -354,8 +358,7 @@ class DeadPool {
   bool recoverCrashSlot(uint32_t slot, uint8_t* buf, RecoveryWriter& writer) {
     CrashSlot& s = mHeader.crash[slot];
     const uint32_t len = s.used - s.flushed;
-    if (!readAt(mFd, buf, len, kCrashAreaOffset + static_cast<uint64_t>(slot) * kCrashSlotBytes + s.flushed))
-      return false;
+    if (!readAt(mFd, buf, len, mSlotsAt + static_cast<uint64_t>(slot) * mSlotBytes + s.flushed)) return false;
     mPending = {1, kCrashIntentBit | slot, s.flushed, s.used, 0, {0}};
     writer.writeRecovered(buf, len, &DeadPool::recordIntent, this);
     s.flushed = s.used;
@@ -371,7 +374,7 @@ class DeadPool {
     uint32_t untrusted = 0;
     BlockDesc descs[kBlocksPerChunk];
     for (uint32_t c = 0; c < mChunks; ++c) {
-      if (!readAt(mFd, descs, sizeof(descs), kAreaBytes + c * kChunkBytes)) {
+      if (!readAt(mFd, descs, sizeof(descs), mHeaderBytes + c * kChunkBytes)) {
         untrusted += kBlocksPerChunk;
         continue;
       }
@@ -396,11 +399,12 @@ class DeadPool {
   // dead pool first, so that a recoverer killed meanwhile leaves it to the next one.
   bool recoverBlock(const FoundBlock& b, uint8_t* buf, RecoveryWriter& writer) {
     const uint32_t len = b.desc.used - b.desc.flushed;
-    if (!readAt(mFd, buf, len, blockOffset(b.fileBlock) + b.desc.flushed)) return false;
+    if (!readAt(mFd, buf, len, blockOffset(mHeaderBytes, b.fileBlock) + b.desc.flushed)) return false;
     mPending = {1, b.fileBlock, b.desc.flushed, b.desc.used, 0, {0}};
     writer.writeRecovered(buf, len, &DeadPool::recordIntent, this);
     const uint32_t flushed = b.desc.used;
-    writeAt(mFd, &flushed, sizeof(flushed), descOffset(b.fileBlock) + offsetof(BlockDesc, flushed));
+    writeAt(mFd, &flushed, sizeof(flushed),
+            descOffset(mHeaderBytes, b.fileBlock) + offsetof(BlockDesc, flushed));
     clearIntent();
     return true;
   }
@@ -431,7 +435,9 @@ class DeadPool {
     mHeader.intent.state = 0;
   }
 
-  bool readDesc(uint32_t block, BlockDesc* d) { return readAt(mFd, d, sizeof(*d), descOffset(block)); }
+  bool readDesc(uint32_t block, BlockDesc* d) {
+    return readAt(mFd, d, sizeof(*d), descOffset(mHeaderBytes, block));
+  }
 
   // Only a log file of our own directory may be cut back.
   bool trustedTarget(const WriteIntent& in) const {
@@ -445,6 +451,9 @@ class DeadPool {
   std::string mPath;
   const char* mLogDir;
   PoolHeader mHeader{};
+  uint64_t mHeaderBytes = kHeaderBytes;
+  uint64_t mSlotsAt = kCrashAreaOffset;
+  uint32_t mSlotBytes = kCrashSlotBytes;
   uint32_t mChunks = 0;
   WriteIntent mPending{};
 };

@@ -7,9 +7,9 @@
 // how much of it is already in a log file, plus the one file write under way.
 //
 // File layout (all offsets multiples of 64 KiB, so that any page size maps them):
-//   [0, 8 KiB)                  PoolHeader
-//   [8 KiB, 64 KiB)             7 crash slots of 8 KiB
-//   chunk c at 64 KiB + c * kChunkBytes:
+//   [0, 64 KiB)                 PoolHeader
+//   [64 KiB, 512 KiB)           7 crash slots of 64 KiB
+//   chunk c at 512 KiB + c * kChunkBytes:
 //     [0, 64 KiB)               16 BlockDesc of the chunk's blocks
 //     [64 KiB, 64 KiB + 16 MiB) the 16 blocks
 // The owner holds an open-file-description write lock on the whole file for as long
@@ -28,9 +28,11 @@ namespace pool {
 
 constexpr uint32_t kBlockSize = 1048576;
 constexpr uint32_t kBlocksPerChunk = 16;
-constexpr uint64_t kAreaBytes = 65536;  // the header, and each chunk's descriptor area
+constexpr uint64_t kAreaBytes = 65536;  // each chunk's descriptor area
 constexpr uint64_t kChunkBytes = kAreaBytes + static_cast<uint64_t>(kBlocksPerChunk) * kBlockSize;
-constexpr uint32_t kVersion = 2;  // 1: the same without crash slots
+// 3: this layout; 2: a 64 KiB header area with slots of 8 KiB from 8 KiB on; 1: the
+// same without crash slots.
+constexpr uint32_t kVersion = 3;
 constexpr char kMagic[8] = {'Z', 'U', 'P', 'O', 'O', 'L', '1', '\0'};
 
 // Default directory of the pool files, and the property that moves it (for example
@@ -65,14 +67,20 @@ struct WriteIntent {
   char file[488];       // device path of the target file
 };
 
-// Crash records, kept apart from the queues: the crash catcher fills a slot without
-// taking any of the logger's locks, so that a thread that faults while it holds them
-// (or in the middle of an append) still leaves its record. A forced flush writes
-// complete slots after the queues; the next start writes what a dead process left.
+// Crash records, kept apart from the queues: the crash catcher fills a slot line by
+// line without taking any of the logger's locks, so that a thread that faults while it
+// holds them (or in the middle of an append) still leaves its record. A forced flush
+// writes complete slots after the queues; the next start writes what a dead process
+// left, also a record its catcher did not finish.
 constexpr uint32_t kCrashSlots = 7;
-constexpr uint32_t kCrashSlotBytes = 8192;
-constexpr uint64_t kCrashAreaOffset = 8192;  // in the header area
-static_assert(kCrashAreaOffset + kCrashSlots * kCrashSlotBytes == kAreaBytes, "slots fill the header area");
+constexpr uint32_t kCrashSlotBytes = 65536;
+constexpr uint64_t kCrashAreaOffset = 65536;  // in the header area
+constexpr uint64_t kHeaderBytes = kCrashAreaOffset + kCrashSlots * kCrashSlotBytes;
+static_assert(kHeaderBytes == 524288, "the header area is 512 KiB");
+// The header area of the version 1 and 2 files, and their slots.
+constexpr uint64_t kV2HeaderBytes = 65536;
+constexpr uint32_t kV2CrashSlotBytes = 8192;
+constexpr uint64_t kV2CrashAreaOffset = 8192;
 // A write intent's block number with this bit set names a crash slot.
 constexpr uint32_t kCrashIntentBit = 0x80000000u;
 
@@ -96,7 +104,7 @@ struct PoolHeader {
   uint32_t blockSize;
   uint32_t blocksPerChunk;
   uint32_t chunkCount;  // chunks reserved on disk and described
-  uint64_t areaBytes;
+  uint64_t areaBytes;   // the header area
   uint64_t chunkBytes;
   uint64_t createdNs;  // real-time clock at creation
   uint32_t announced;  // a recoverer has written its notice line
@@ -125,9 +133,14 @@ class CrashArea {
   bool valid() const { return mSlots != nullptr; }
   // Kept in the pool file, so that the next start finds what the flush did not write.
   bool durable() const { return mDurable; }
-  // Copies a whole record into a free slot and publishes it; -1 when every slot is
-  // taken or the record does not fit.
-  int keep(const char* text, uint32_t len, uint32_t tid) const;
+  // Takes a free slot for a record of thread `tid`, empty and being filled; -1 when
+  // every slot is taken.
+  int claim(uint32_t tid) const;
+  // The claimed slot's bytes [0, used) are whole lines of the record.
+  void publish(uint32_t slot, uint32_t used) const { storeRelease(&mSlots[slot].used, used); }
+  // The record is whole: flushes may write it now.
+  void complete(uint32_t slot) const { storeRelease(&mSlots[slot].state, kSlotComplete); }
+  uint8_t* bytes(uint32_t slot) const { return mData + static_cast<uint64_t>(slot) * kCrashSlotBytes; }
   // Takes a complete slot for writing it out; false when it is not complete (free,
   // still being filled, or taken by another writer).
   bool take(uint32_t slot) const { return casState(&mSlots[slot].state, kSlotComplete, kSlotWriting); }

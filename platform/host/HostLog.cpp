@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
+#include <zudebug_platform/crash_support.h>
 
 #include "log/log.h"
 
@@ -82,5 +83,7 @@ extern "C" void __android_log_assert(const char* cond, const char* tag, const ch
     snprintf(buf, sizeof(buf), "Assertion failed: %s", cond ? cond : "");
   }
   writeRecord(ANDROID_LOG_FATAL, tag, buf);
+  // Kept for crash records, as the platform keeps it for its tombstones.
+  zudebug::platform::setAbortMessage(buf);
   abort();
 }
