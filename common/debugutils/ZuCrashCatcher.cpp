@@ -52,7 +52,7 @@ bool sPreviousSaved[kMaxSignal];
 
 // How long the catcher waits for its helper children: symbol names, then the forced
 // flush; and for the other threads' frames.
-constexpr int kSymbolsBudgetMs = 400;
+constexpr int kSymbolsBudgetMs = 700;
 constexpr int kFlushBudgetMs = 400;
 constexpr int kThreadsBudgetMs = 100;
 // A catcher that is done waits at most this long for catchers of other threads that
@@ -292,8 +292,9 @@ void addHeader(crash::RecordWriter& w, int pid, int tid, int signal, const sigin
 }
 
 // The frame lines: the helper's, with symbol names, as far as it got; the rest
-// without.
-void addFrames(Catcher* c, crash::Probe* probe) {
+// without. False when the helper did not finish (it may be stuck on a lock of the
+// allocator that the crash left held).
+bool addFrames(Catcher* c, crash::Probe* probe) {
   size_t len = 0;
   const bool whole = runHelper(symbolsChild, c, c->symbols, sizeof(c->symbols), &len, kSymbolsBudgetMs);
   c->symbolsLen = len;
@@ -310,7 +311,7 @@ void addFrames(Catcher* c, crash::Probe* probe) {
       probe->addFrame(c->writer, i);
     }
   }
-  (void)whole;
+  return whole;
 }
 
 // Forces both loggers to disk in a helper child, when their locks are free; false
@@ -333,7 +334,7 @@ bool flushBoth(Catcher* c, int tid) {
   return debugWritten;
 }
 
-void recordCrash(int signal, siginfo_t* info, void* context, int pid, int tid, const void* handlerFrame) {
+void recordCrash(int signal, siginfo_t* info, void* context, int pid, int tid, const void* handlerReturn) {
   ZuDegbugOfflineLogger* logger = ZuDegbugOfflineLogger::existingInstance(ZuOfflineLoggerType::Debug);
   // No offline log, no record: the platform's own crash dumper still gets the signal.
   if (logger == nullptr || !logger->acceptsLines()) return;
@@ -352,9 +353,9 @@ void recordCrash(int signal, siginfo_t* info, void* context, int pid, int tid, c
     c->writer.begin(c->ownRecord, sizeof(c->ownRecord), nullptr, nullptr, pid, tid);
   addHeader(c->writer, pid, tid, signal, info);
 
-  c->frameCount = platform::unwindInterrupted(context, handlerFrame, c->frames, platform::kMaxCrashFrames);
+  c->frameCount = platform::unwindInterrupted(context, handlerReturn, c->frames, platform::kMaxCrashFrames);
   probe->placeFrames(c->frames, c->frameCount);
-  addFrames(c, probe);
+  const bool helpersWork = addFrames(c, probe);
 
   c->writer.restamp();
   probe->addCause(c->writer, signal, info, context);
@@ -367,7 +368,8 @@ void recordCrash(int signal, siginfo_t* info, void* context, int pid, int tid, c
   probe->addThreads(c->writer);
   if (inSlot) logger->closeCrashSlot(c->lease);
 
-  const bool written = flushBoth(c, tid);
+  // A helper that got stuck would get stuck again: the next start writes the record.
+  const bool written = helpersWork && flushBoth(c, tid);
   logger->settleCrashRecordsInMemory(written);
   if (!inSlot) crash::writeStraight("Debug", c->writer.data(), c->writer.used());
   crash::giveBackProbe(probe);
@@ -457,7 +459,7 @@ void SignalCatcher(int signal, siginfo_t* info, void* context) {
   if (enterCatcher(tid, &index)) {
     sCatchersInFlight.fetch_add(1, std::memory_order_acq_rel);
     sCatchersStarted.fetch_add(1, std::memory_order_acq_rel);
-    recordCrash(signal, info, context, getpid(), tid, __builtin_frame_address(0));
+    recordCrash(signal, info, context, getpid(), tid, __builtin_return_address(0));
     sCatchersInFlight.fetch_sub(1, std::memory_order_acq_rel);
     waitForOtherCatchers();
     leaveCatcher(index);

@@ -82,7 +82,7 @@ void peekHandler(int, siginfo_t* info, void* context) {
           !slot.state.compare_exchange_strong(asked, 2, std::memory_order_acq_rel))
         continue;
       CrashFrame frames[kPeekFrames + 1];
-      size_t n = platform::unwindInterrupted(context, __builtin_frame_address(0), frames, kPeekFrames + 1);
+      size_t n = platform::unwindInterrupted(context, __builtin_return_address(0), frames, kPeekFrames + 1);
       // The trampoline is the handler's; the thread was interrupted in the frame after it.
       size_t from = n > 0 && frames[0].trampoline ? 1 : 0;
       slot.count = 0;
@@ -113,8 +113,11 @@ int64_t monotonicMs() {
   return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-uintptr_t shown(const CrashFrame& f) {
-  return f.exact || f.trampoline || f.pc < kCallAdjust ? f.pc : f.pc - kCallAdjust;
+// The pc a frame is shown at: a return address taken back into its call, as the
+// platform's call stacks show the crashing thread's frames (the interrupted one too);
+// another thread's first frame is its interrupted instruction itself.
+uintptr_t shown(const CrashFrame& f, bool keepExact) {
+  return (keepExact && f.exact) || f.trampoline || f.pc < kCallAdjust ? f.pc : f.pc - kCallAdjust;
 }
 
 }  // namespace
@@ -359,7 +362,7 @@ void Probe::reset() {
 void Probe::placeFrames(const CrashFrame* frames, size_t count) {
   d->placeCount = 0;
   for (size_t i = 0; i < count && d->placeCount < platform::kMaxCrashFrames; ++i)
-    d->places[d->placeCount++].pc = shown(frames[i]);
+    d->places[d->placeCount++].pc = shown(frames[i], false);
   d->crashingPlaces = d->placeCount;
   placeAll(*d);
   for (size_t i = 0; i < d->crashingPlaces; ++i)
@@ -576,7 +579,7 @@ bool Probe::gatherThreads(int budgetMs) {
   for (size_t i = 0; i < sPeekCount; ++i) {
     if (sPeek[i].state.load(std::memory_order_acquire) != 3) continue;
     for (uint32_t k = 0; k < sPeek[i].count && d->placeCount < kMaxPlaces; ++k)
-      d->places[d->placeCount++].pc = shown(sPeek[i].frames[k]);
+      d->places[d->placeCount++].pc = shown(sPeek[i].frames[k], true);
   }
   placeAll(*d);
   for (size_t i = 0; i < d->placeCount; ++i)

@@ -54,8 +54,8 @@ void prepareCrashUnwind() {
   if (__android_log_set_aborter != nullptr) __android_log_set_aborter(keepAbortMessage);
 }
 
-size_t unwindInterrupted(const void* context, const void* handlerFrame, CrashFrame* out, size_t max) {
-  (void)handlerFrame;
+size_t unwindInterrupted(const void* context, const void* handlerReturn, CrashFrame* out, size_t max) {
+  (void)handlerReturn;
   const auto* uc = static_cast<const ucontext_t*>(context);
   if (uc == nullptr || max == 0) return 0;
 #if defined(__aarch64__)

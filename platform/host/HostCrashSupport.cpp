@@ -62,7 +62,7 @@ void prepareCrashUnwind() {
   sGlibcAbortMsg = reinterpret_cast<GlibcAbortMsg**>(dlsym(RTLD_DEFAULT, "__abort_msg"));
 }
 
-__attribute__((noinline)) size_t unwindInterrupted(const void* context, const void* handlerFrame,
+__attribute__((noinline)) size_t unwindInterrupted(const void* context, const void* handlerReturn,
                                                    CrashFrame* out, size_t max) {
   Collect st{out, max, 0};
   _Unwind_Backtrace(collect, &st);
@@ -80,11 +80,15 @@ __attribute__((noinline)) size_t unwindInterrupted(const void* context, const vo
     }
   }
   if (start == n) {
-    // Everything outside the handler's own frame.
-    const uintptr_t mark = reinterpret_cast<uintptr_t>(handlerFrame);
-    start = 0;
-    while (start < n && out[start].cfa <= mark) ++start;
-    if (start < n) ++start;  // the handler itself
+    // Everything outside the handler: from the frame it returns to.
+    const uintptr_t back = reinterpret_cast<uintptr_t>(handlerReturn);
+    start = n > 0 ? 1 : 0;
+    for (size_t i = 0; i < n; ++i) {
+      if (out[i].pc == back) {
+        start = i;
+        break;
+      }
+    }
   }
   size_t kept = 0;
   for (size_t i = start; i < n; ++i) out[kept++] = out[i];

@@ -26,10 +26,10 @@ void prepareCrashUnwind();
 // Called inside the handler of the signal that delivered `context`, on any stack: the
 // frames from the signal return trampoline outwards (the trampoline, the interrupted
 // frame, its callers), innermost first. Where the interrupted frame cannot be found
-// on this stack (a sanitizer may run handlers later, from its own code), the frames
-// outside `handlerFrame` (the handler's own __builtin_frame_address(0)). Allocates
-// nothing, takes no lock.
-size_t unwindInterrupted(const void* context, const void* handlerFrame, CrashFrame* out, size_t max);
+// on this stack (a sanitizer may run handlers later, from its own code; a handler may
+// be called directly), the frames from `handlerReturn` on (the handler's
+// __builtin_return_address(0)). Allocates nothing, takes no lock.
+size_t unwindInterrupted(const void* context, const void* handlerReturn, CrashFrame* out, size_t max);
 
 // The platform's call-stack line for a frame, "#NN pc <16 hex digits>  <module>
 // (<symbol>+<offset>)", without a line end. Allocates: only for a process that may
