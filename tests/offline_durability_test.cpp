@@ -247,7 +247,8 @@ TEST(OfflineDurability, LinesAfterTheCrashRecord) {
   const ChildResult r = waitChild(spawnChild("OfflineDurability.WriterChild", root, vars), root);
   ASSERT_EQ(r.termSignal(), SIGSEGV) << r.output;
   const std::string beforeRestart = allLogText(root);
-  EXPECT_EQ(countSubstr(beforeRestart, " F DEBUG   : pid: "), 1u) << "the record was flushed by the catcher";
+  EXPECT_EQ(countSubstr(beforeRestart, " F DEBUG   : pid: "), 1u)
+      << "the record was flushed by the catcher" << r.output;
   restart(root);
   const std::string text = allLogText(root);
   EXPECT_EQ(countSubstr(text, " F DEBUG   : pid: "), 1u);

@@ -54,6 +54,9 @@ bool sPreviousSaved[kMaxSignal];
 // flush; and for the other threads' frames.
 constexpr int kSymbolsBudgetMs = 700;
 constexpr int kFlushBudgetMs = 400;
+// How long the catcher tries for the loggers' locks before it leaves the record to
+// the next start.
+constexpr int kFlushLockBudgetMs = 200;
 constexpr int kThreadsBudgetMs = 100;
 // A catcher that is done waits at most this long for catchers of other threads that
 // are still writing their records before it passes its signal on.
@@ -68,8 +71,9 @@ std::atomic<int> sCatcherTids[kMaxCatchers];
 std::atomic<int> sCatchersInFlight{0};
 std::atomic<int> sCatchersStarted{0};
 
-// The helper children run on a stack of their own: in the child's copy of this
-// mapping, so that catchers of several threads may use it at once.
+// The helper children run on stacks of their own, one per catcher: the C library's
+// clone() puts the child's function and argument on that stack in the parent, so two
+// catchers cloning at once must not share one.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t kChildStackBytes = 8u << 20;
 #elif defined(__has_feature)
@@ -81,9 +85,10 @@ constexpr size_t kChildStackBytes = 1u << 20;
 #else
 constexpr size_t kChildStackBytes = 1u << 20;
 #endif
-void* sChildStack = nullptr;
+char* sChildStacks = nullptr;  // kCatchers of them
 
 // What one catcher keeps, for as many as run at once.
+constexpr uint32_t kCatchers = 4;
 struct Catcher {
   platform::CrashFrame frames[platform::kMaxCrashFrames];
   size_t frameCount;
@@ -95,7 +100,6 @@ struct Catcher {
   int pipeFd;  // the helper's end
   bool flushLocked[2];
 };
-constexpr uint32_t kCatchers = 4;
 Catcher sCatchers[kCatchers];
 std::atomic<uint32_t> sCatchersTaken{0};
 
@@ -203,6 +207,10 @@ void childWrite(int fd, const char* data, size_t len) {
   }
 }
 
+// The last byte a helper child writes: what came before is all it had to say, even
+// when another catcher's child still holds a copy of the pipe's end.
+constexpr char kHelperDone = '\x04';
+
 int symbolsChild(void* arg) {
   childDefaults();
   const Catcher* c = static_cast<const Catcher*>(arg);
@@ -212,6 +220,7 @@ int symbolsChild(void* arg) {
     line[n++] = '\n';
     childWrite(c->pipeFd, line, n);
   }
+  childWrite(c->pipeFd, &kHelperDone, 1);
   syscall(SYS_exit_group, 0);
   return 0;
 }
@@ -226,20 +235,21 @@ int flushChild(void* arg) {
     const char done = static_cast<char>('0' + i);
     childWrite(c->pipeFd, &done, 1);
   }
+  childWrite(c->pipeFd, &kHelperDone, 1);
   syscall(SYS_exit_group, 0);
   return 0;
 }
 
-// Runs `fn` in a helper child and reads what it writes into `out` until it ends or
-// `budgetMs` pass; a child still running then is killed. False when it did not end
-// on its own.
+// Runs `fn` in a helper child and reads what it writes into `out` until it says it
+// is done or `budgetMs` pass; a child still running then is killed. False when it
+// did not finish.
 bool runHelper(int (*fn)(void*), Catcher* c, char* out, size_t cap, size_t* len, int budgetMs) {
   *len = 0;
   int fds[2];
-  if (sChildStack == nullptr || pipe2(fds, O_CLOEXEC) != 0) return false;
+  if (sChildStacks == nullptr || pipe2(fds, O_CLOEXEC) != 0) return false;
   c->pipeFd = fds[1];
-  const pid_t child =
-      clone(fn, static_cast<char*>(sChildStack) + kChildStackBytes - 64, SIGCHLD, static_cast<void*>(c));
+  char* stackTop = sChildStacks + (static_cast<size_t>(c - sCatchers) + 1) * kChildStackBytes - 64;
+  const pid_t child = clone(fn, stackTop, SIGCHLD, static_cast<void*>(c));
   close(fds[1]);
   if (child < 0) {
     close(fds[0]);
@@ -259,11 +269,13 @@ bool runHelper(int (*fn)(void*), Catcher* c, char* out, size_t cap, size_t* len,
     const size_t room = *len < cap ? cap - *len : sizeof(scratch);
     const ssize_t n = read(fds[0], to, room);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      ended = n == 0;
+    if (n <= 0) break;
+    if (to != scratch) *len += static_cast<size_t>(n);
+    if (to[n - 1] == kHelperDone) {
+      if (to != scratch) --*len;
+      ended = true;
       break;
     }
-    if (to != scratch) *len += static_cast<size_t>(n);
   }
   close(fds[0]);
   if (!ended) kill(child, SIGKILL);
@@ -319,9 +331,19 @@ bool addFrames(Catcher* c, crash::Probe* probe) {
 bool flushBoth(Catcher* c, int tid) {
   const ZuOfflineLoggerType types[2] = {ZuOfflineLoggerType::Debug, ZuOfflineLoggerType::Binary};
   bool any = false;
+  // The flush thread or a logging thread may hold them a moment; the gate's holder
+  // may be a thread that crashed too, hence the bound.
+  const int64_t deadline = monotonicMs() + kFlushLockBudgetMs;
   for (int i = 0; i < 2; ++i) {
+    c->flushLocked[i] = false;
     ZuDegbugOfflineLogger* logger = ZuDegbugOfflineLogger::existingInstance(types[i]);
-    c->flushLocked[i] = logger != nullptr && logger->lockForCrashFlush(static_cast<uint32_t>(tid));
+    if (logger == nullptr) continue;
+    for (;;) {
+      const auto got = logger->lockForCrashFlush(static_cast<uint32_t>(tid));
+      if (got == ZuDegbugOfflineLogger::CrashFlushLock::Taken) c->flushLocked[i] = true;
+      if (got != ZuDegbugOfflineLogger::CrashFlushLock::Busy || monotonicMs() >= deadline) break;
+      sched_yield();
+    }
     any = any || c->flushLocked[i];
   }
   if (!any) return false;
@@ -408,10 +430,10 @@ void RegisterSignalHandlers() {
   crash::refreshLocalTimeOffset();
   crash::prepareProbe();
   crash::prepareStraightFiles("/data/vendor/camera/offlinelog");
-  if (sChildStack == nullptr) {
-    void* stack = mmap(nullptr, kChildStackBytes, PROT_READ | PROT_WRITE,
-                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
-    sChildStack = stack == MAP_FAILED ? nullptr : stack;
+  if (sChildStacks == nullptr) {
+    void* stacks = mmap(nullptr, kCatchers * kChildStackBytes, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
+    sChildStacks = stacks == MAP_FAILED ? nullptr : static_cast<char*>(stacks);
   }
 
   struct sigaction current;

@@ -1063,19 +1063,19 @@ bool ZuDegbugOfflineLogger::setCrashFlushGate(CrashFlushGate gate) {
   return true;
 }
 
-bool ZuDegbugOfflineLogger::lockForCrashFlush(uint32_t tid) {
-  if (!mState->mAccepting.load(std::memory_order_acquire)) return false;
+ZuDegbugOfflineLogger::CrashFlushLock ZuDegbugOfflineLogger::lockForCrashFlush(uint32_t tid) {
+  if (!mState->mAccepting.load(std::memory_order_acquire)) return CrashFlushLock::Never;
   // Held by the interrupted code of this very thread: its state is half changed.
   if (mState->mFileMutex.heldBy(tid) || mState->mPoolMutex.heldBy(tid) || mState->mQueueMutex.heldBy(tid))
-    return false;
+    return CrashFlushLock::Never;
   const CrashFlushGate gate = mState->mCrashFlushGate.load(std::memory_order_acquire);
-  if (gate != nullptr && !gate(mState->mZuOfflineLoggerType, tid, true)) return false;
+  if (gate != nullptr && !gate(mState->mZuOfflineLoggerType, tid, true)) return CrashFlushLock::Busy;
   if (mState->mFileMutex.try_lock()) {
-    if (mState->mPoolMutex.try_lock()) return true;
+    if (mState->mPoolMutex.try_lock()) return CrashFlushLock::Taken;
     mState->mFileMutex.unlock();
   }
   if (gate != nullptr) gate(mState->mZuOfflineLoggerType, tid, false);
-  return false;
+  return CrashFlushLock::Busy;
 }
 
 void ZuDegbugOfflineLogger::unlockAfterCrashFlush() {

@@ -107,8 +107,9 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   void closeCrashSlot(const CrashSlotLease& lease);
   // The file and pool mutexes, taken only when free and not held by `tid`; then, in a
   // process that may allocate (the catcher's helper child, which shares the pool file),
-  // the forced flush under them.
-  bool lockForCrashFlush(uint32_t tid);
+  // the forced flush under them. Busy: another thread holds one; try again later.
+  enum class CrashFlushLock { Taken, Busy, Never };
+  CrashFlushLock lockForCrashFlush(uint32_t tid);
   // Whoever serialises this logger's forced flushes (the facade, with its control
   // mutex) registers how to take that lock without waiting (`take`, refusing when
   // `tid` holds it) and give it back (!`take`); taken before the logger's own.
