@@ -14,7 +14,10 @@ int main(int argc, char** argv) {
   const char* root = getenv("ZUDEBUG_ROOT");
   opts.root = root ? root : "";
   for (int i = 1; i < argc; ++i) {
-    if (strcmp(argv[i], "--crash") == 0) opts.crash = true;
+    if (isCrashArg(argv[i]) && !parseCrashArg(argv[i], &opts.crash)) {
+      fprintf(stderr, "%s: not a crash this process knows (%s)\n", argv[i], kCrashKinds);
+      return 2;
+    }
     if (strcmp(argv[i], "--kill") == 0) return runKillScene(opts);
     if (strcmp(argv[i], "--restart") == 0) return runRestartScene(opts);
   }

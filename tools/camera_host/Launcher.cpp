@@ -1,11 +1,13 @@
 // zudebug-camera-host: prepares a device root, starts the simulated camera process
 // against it (as the device would start the camera HAL), and shows what it left.
 //
-//   zudebug-camera-host [ROOT] [--crash | --kill]
+//   zudebug-camera-host [ROOT] [--crash[=segv|heap|assert] | --kill]
 //
-// ROOT defaults to /tmp/zudebug-camera-root and is recreated on every run. With --kill
-// the camera process is killed with SIGKILL while its pipeline threads log, started
-// again on the same root, and the lines it reported as logged are looked up on disk.
+// ROOT defaults to /tmp/zudebug-camera-root and is recreated on every run. With --crash
+// a pipeline thread dies of a real bug under the crash catcher, and the record it left
+// is shown through zudebug-log. With --kill the camera process is killed with SIGKILL
+// while its pipeline threads log, started again on the same root, and the lines it
+// reported as logged are looked up on disk.
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -24,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "CrashKind.h"
 #include "FileNames.h"
 #include "HostFiles.h"
 
@@ -353,6 +356,45 @@ int runKill(const std::string& root) {
   return killed && WIFEXITED(againStatus) && WEXITSTATUS(againStatus) == 0 && exact && noticed ? 0 : 1;
 }
 
+// The crash records the camera process left, read by zudebug-log (built beside this
+// program) with the lines before them and every frame symbolised; without the tool,
+// the record lines as the files hold them.
+void printCrashRecords(const std::string& root, pid_t pid) {
+  const std::string offline = root + "/" + kOfflineDir;
+  char self[4096];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+  std::string tool = n > 0 ? std::string(self, static_cast<size_t>(n)) : "";
+  tool = tool.substr(0, tool.rfind('/') + 1) + "zudebug-log";
+  if (access(tool.c_str(), X_OK) == 0) {
+    printf("\n== the crash record: zudebug-log crash --context 5 %s ==\n", offline.c_str());
+    fflush(stdout);
+    const pid_t reader = fork();
+    if (reader == 0) {
+      execl(tool.c_str(), tool.c_str(), "crash", "--context", "5", offline.c_str(),
+            static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    int status = 0;
+    if (reader > 0) waitpid(reader, &status, 0);
+    if (reader < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      printf("zudebug-log did not finish: ");
+      printEnd(status);
+    }
+    return;
+  }
+  printf("\n== the crash record (%s not built: its lines as written) ==\n", tool.c_str());
+  size_t count = 0;
+  for (const std::string& name : debugLogFiles(root)) {
+    std::ifstream in(offline + "/" + name);
+    for (std::string line; std::getline(in, line);) {
+      if (pidOf(line) != pid || line.find(" F DEBUG   : ") == std::string::npos) continue;
+      printf("%s\n", line.c_str());
+      ++count;
+    }
+  }
+  if (count == 0) printf("no crash record of process %d in %s\n", pid, offline.c_str());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -360,12 +402,21 @@ int main(int argc, char** argv) {
   std::vector<std::string> passOn;
   bool killRun = false;
   for (int i = 1; i < argc; ++i) {
-    if (strcmp(argv[i], "--crash") == 0) {
+    CrashKind kind;
+    if (isCrashArg(argv[i])) {
+      if (!parseCrashArg(argv[i], &kind)) {
+        fprintf(stderr, "%s: not a crash the camera process knows (%s)\n", argv[i], kCrashKinds);
+        return 2;
+      }
+      if (!passOn.empty()) {
+        fprintf(stderr, "one --crash at a time\n");
+        return 2;
+      }
       passOn.push_back(argv[i]);
     } else if (strcmp(argv[i], "--kill") == 0) {
       killRun = true;
     } else if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
-      printf("usage: %s [ROOT] [--crash | --kill]\n", argv[0]);
+      printf("usage: %s [ROOT] [--crash[=segv|heap|assert] | --kill]\n", argv[0]);
       return 0;
     } else {
       root = argv[i];
@@ -432,6 +483,7 @@ int main(int argc, char** argv) {
          logcat.size());
   for (size_t i = logcat.size() > kTail ? logcat.size() - kTail : 0; i < logcat.size(); ++i)
     printf("%s\n", logcat[i].c_str());
+  if (!passOn.empty()) printCrashRecords(root, pid);
   bool expectedCrash = !passOn.empty() && WIFSIGNALED(status);
   return (WIFEXITED(status) && WEXITSTATUS(status) == 0) || expectedCrash ? 0 : 1;
 }

@@ -1,9 +1,14 @@
 // Last scene: call stacks into the log, then either a clean stop of the offline
 // loggers or, with --crash, a real crash of a pipeline thread under the catcher.
+//
+// The assert scene needs assert() in every build type.
+#undef NDEBUG
+#include <assert.h>
 #include <dirent.h>
 #include <log/log.h>
 #include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -44,10 +49,68 @@ SCENE_KEEP_FRAME void fillFrame(FrameBuffer* buffer, int value) {
   asm volatile("");
 }
 
-SCENE_KEEP_FRAME void processRequest(int frameNumber) {
+// Gives a frame's pixels back to the heap.
+SCENE_KEEP_FRAME void releasePixels(unsigned char* pixels) {
+  free(pixels);
+  asm volatile("");
+}
+
+// Frame buffers come from a pool the main thread fills when the streams are
+// configured, and the pipeline thread releases each one after its frame. Frame 3
+// fails, and its buffer is released on the error path and then once more as usual:
+// the pipeline's bug. The buffers are larger than glibc's tcache and fast bins take,
+// so the first release puts the chunk in a bin and marks it free in the buffer behind
+// it, still in the pool; the second finds that mark inside free(), with the heap's
+// lock held, and glibc aborts with "double free or corruption (!prev)". The pool lies
+// in the main heap because the first release also clears the bit that names a
+// thread's own heap: a buffer of the pipeline thread's heap would be looked for in the
+// main heap the second time, and reported as "(out)".
+constexpr int kPoolBuffers = 4;
+constexpr size_t kBufferBytes = 1100;
+unsigned char* gBufferPool[kPoolBuffers];
+
+void configureStreams() {
+  for (unsigned char*& buffer : gBufferPool) {
+    buffer = static_cast<unsigned char*>(malloc(kBufferBytes));
+    if (buffer != nullptr) memset(buffer, 0, kBufferBytes);
+  }
+}
+
+SCENE_KEEP_FRAME void renderFrame(int frameNumber) {
+  unsigned char* pixels = gBufferPool[frameNumber - 1];
+  if (pixels == nullptr) return;
+  memset(pixels, frameNumber, kBufferBytes);
+  if (frameNumber == 3) {
+    ZU_GLOGE(zudebug::ZU_GROUP_HAL, "pipeline: frame %d failed, its buffer released on the error path",
+             frameNumber);
+    releasePixels(pixels);
+  }
+  releasePixels(pixels);  // frame 3's the second time
+  asm volatile("");
+}
+
+// Frame 3 comes without a buffer, which the pipeline asserts it never does.
+SCENE_KEEP_FRAME void checkFrame(int frameNumber) {
+  const FrameBuffer* buffer = frameNumber == 3 ? nullptr : &gGoodBuffer;
+  assert(buffer != nullptr && "every frame has a buffer");
+  asm volatile("");
+}
+
+SCENE_KEEP_FRAME void processRequest(int frameNumber, CrashKind crash) {
   ZU_GLOGI(zudebug::ZU_GROUP_HAL, "pipeline: processing frame %d", frameNumber);
-  if (frameNumber == 3) ZU_GLOGE(zudebug::ZU_GROUP_HAL, "pipeline: frame %d has no buffer", frameNumber);
-  fillFrame(frameNumber == 3 ? gBrokenBuffer : &gGoodBuffer, frameNumber);
+  if (frameNumber == 3 && crash != CrashKind::Heap)
+    ZU_GLOGE(zudebug::ZU_GROUP_HAL, "pipeline: frame %d has no buffer", frameNumber);
+  switch (crash) {
+    case CrashKind::Heap:
+      renderFrame(frameNumber);
+      break;
+    case CrashKind::Assert:
+      checkFrame(frameNumber);
+      break;
+    default:
+      fillFrame(frameNumber == 3 ? gBrokenBuffer : &gGoodBuffer, frameNumber);
+      break;
+  }
   asm volatile("");
 }
 
@@ -119,7 +182,7 @@ void runCrashScene(const HostOptions& opts) {
   debug->startOfflineLogger();
   binary->startOfflineLogger();
 
-  if (!opts.crash) {
+  if (opts.crash == CrashKind::None) {
     dumpStacks();
     debug->stopOfflineLogger();
     binary->stopOfflineLogger();
@@ -132,14 +195,25 @@ void runCrashScene(const HostOptions& opts) {
   }
 
   zudebug::RegisterSignalHandlers();
-  printf("crash catcher installed; the pipeline thread will now dereference a bad buffer\n");
-  printf("the record (\" F DEBUG   : \" lines: header, then the crashing thread's frames) lands in\n");
-  printf("  %s/%s/ZuCam_Debug_<time>.txt, after which the process dies of SIGSEGV\n", opts.root.c_str(),
-         kOfflineDir);
+  const char* what = "dereference a bad buffer";
+  const char* signal = "SIGSEGV";
+  if (opts.crash == CrashKind::Heap) {
+    what = "free a frame's buffer twice (glibc notices inside free(), holding the heap's lock, and aborts)";
+    signal = "SIGABRT";
+  } else if (opts.crash == CrashKind::Assert) {
+    what = "fail an assert()";
+    signal = "SIGABRT";
+  }
+  printf("crash catcher installed; at frame 3 the pipeline thread will %s\n", what);
+  printf("the catcher's record (\" F DEBUG   : \" lines) lands in\n");
+  printf("  %s/%s/ZuCam_Debug_<time>.txt, and the process dies of %s\n", opts.root.c_str(), kOfflineDir,
+         signal);
   fflush(stdout);
-  std::thread pipeline([] {
+  const CrashKind crash = opts.crash;
+  if (crash == CrashKind::Heap) configureStreams();
+  std::thread pipeline([crash] {
     pthread_setname_np(pthread_self(), "PipelineThd");
-    for (int frame = 1; frame <= 3; ++frame) processRequest(frame);
+    for (int frame = 1; frame <= 3; ++frame) processRequest(frame, crash);
     asm volatile("");
   });
   pipeline.join();

@@ -3,9 +3,11 @@
 
 #include <string>
 
+#include "CrashKind.h"
+
 struct HostOptions {
-  std::string root;    // the device root (ZUDEBUG_ROOT)
-  bool crash = false;  // end with a real invalid memory access in a pipeline thread
+  std::string root;                   // the device root (ZUDEBUG_ROOT)
+  CrashKind crash = CrashKind::None;  // how the last scene ends
 };
 
 // Prints a scene heading on stdout.

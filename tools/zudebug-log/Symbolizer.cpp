@@ -3,10 +3,15 @@
 #include <cxxabi.h>
 #include <dwarf.h>
 #include <elfutils/libdw.h>
+#include <elfutils/libdwelf.h>
 #include <elfutils/libdwfl.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <gelf.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <utility>
 
@@ -73,11 +78,39 @@ std::string demangle(const char* name) {
   return out;
 }
 
+bool readBuildId(const std::string& file, std::string* buildId, std::string* error) {
+  buildId->clear();
+  const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    *error = strerror(errno);
+    return false;
+  }
+  elf_version(EV_CURRENT);
+  Elf* elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr);
+  const bool ok = elf != nullptr && elf_kind(elf) == ELF_K_ELF;
+  if (!ok) {
+    *error = elf != nullptr ? "not an ELF file" : elf_errmsg(-1);
+  } else {
+    const void* bits = nullptr;
+    const ssize_t n = dwelf_elf_gnu_build_id(elf, &bits);
+    static const char kHex[] = "0123456789abcdef";
+    for (ssize_t i = 0; i < n; ++i) {
+      const unsigned char b = static_cast<const unsigned char*>(bits)[i];
+      *buildId += kHex[b >> 4];
+      *buildId += kHex[b & 15];
+    }
+  }
+  if (elf != nullptr) elf_end(elf);
+  close(fd);
+  return ok;
+}
+
 struct Symbolizer::Module {
   Dwfl* dwfl = nullptr;
   Dwfl_Module* mod = nullptr;
   std::string file;
   std::string problem;
+  std::vector<std::string> notes;  // files passed over, or taken unchecked
   ~Module() {
     if (dwfl != nullptr) dwfl_end(dwfl);
   }
@@ -86,20 +119,39 @@ struct Symbolizer::Module {
 Symbolizer::Symbolizer(std::vector<std::string> symbolDirs) : mDirs(std::move(symbolDirs)) {}
 Symbolizer::~Symbolizer() = default;
 
-Symbolizer::Module& Symbolizer::module(const std::string& modulePath) {
-  auto it = mModules.find(modulePath);
+Symbolizer::Module& Symbolizer::module(const std::string& modulePath, const std::string& buildId) {
+  const std::string key = modulePath + '\n' + buildId;
+  auto it = mModules.find(key);
   if (it != mModules.end()) return *it->second;
   auto m = std::make_unique<Module>();
+  std::vector<std::string> candidates;
   for (const std::string& dir : mDirs) {
     const std::string candidate = dir + (modulePath.empty() || modulePath[0] != '/' ? "/" : "") + modulePath;
-    if (isFile(candidate)) {
-      m->file = candidate;
-      break;
-    }
+    if (isFile(candidate)) candidates.push_back(candidate);
   }
-  if (m->file.empty() && !modulePath.empty() && modulePath[0] == '/' && isFile(modulePath))
-    m->file = modulePath;
-  if (m->file.empty()) {
+  if (!modulePath.empty() && modulePath[0] == '/' && isFile(modulePath)) candidates.push_back(modulePath);
+  size_t passedOver = 0;
+  for (const std::string& candidate : candidates) {
+    std::string found, error;
+    // A file that is no ELF at all is taken, and said so below, as without a build ID.
+    if (!buildId.empty() && readBuildId(candidate, &found, &error)) {
+      if (found.empty()) {
+        m->notes.push_back("note: " + modulePath + ": build ID " + buildId + " in the record, none in " +
+                           candidate + ": used unchecked");
+      } else if (found != buildId) {
+        m->notes.push_back("warning: " + modulePath + ": build ID " + buildId + " in the record, " + found +
+                           " in " + candidate + ": symbols not used");
+        ++passedOver;
+        continue;
+      }
+    }
+    m->file = candidate;
+    break;
+  }
+  if (m->file.empty() && passedOver > 0) {
+    m->problem = "no file with the record's build ID: " + std::to_string(passedOver) +
+                 (passedOver == 1 ? " file has" : " files have") + " another";
+  } else if (m->file.empty()) {
     m->problem = "module not found" + std::string(mDirs.empty() ? "" : " in the symbol directories") +
                  " nor at its own path";
   } else {
@@ -112,11 +164,16 @@ Symbolizer::Module& Symbolizer::module(const std::string& modulePath) {
     }
     if (m->mod == nullptr) m->problem = std::string("not readable as ELF: ") + dwfl_errmsg(-1);
   }
-  return *mModules.emplace(modulePath, std::move(m)).first->second;
+  return *mModules.emplace(key, std::move(m)).first->second;
 }
 
-uint64_t Symbolizer::pcTakenBack(const std::string& modulePath) {
-  Module& m = module(modulePath);
+const std::vector<std::string>& Symbolizer::buildIdNotes(const std::string& modulePath,
+                                                         const std::string& buildId) {
+  return module(modulePath, buildId).notes;
+}
+
+uint64_t Symbolizer::pcTakenBack(const std::string& modulePath, const std::string& buildId) {
+  Module& m = module(modulePath, buildId);
   if (m.mod == nullptr) return 0;
   GElf_Addr bias = 0;
   Elf* elf = dwfl_module_getelf(m.mod, &bias);
@@ -133,9 +190,9 @@ uint64_t Symbolizer::pcTakenBack(const std::string& modulePath) {
   }
 }
 
-Symbolized Symbolizer::lookup(const std::string& modulePath, uint64_t address) {
+Symbolized Symbolizer::lookup(const std::string& modulePath, uint64_t address, const std::string& buildId) {
   Symbolized out;
-  Module& m = module(modulePath);
+  Module& m = module(modulePath, buildId);
   out.moduleFile = m.file;
   if (m.mod == nullptr) {
     out.problem = m.problem;
