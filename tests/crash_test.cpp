@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "ZuCrashSignalStack.h"
 #include "ZuDebugOfflineLogger.h"
 #include "ZuOfflineLoggerState.h"
 #include "ZuDebugUtils.h"

@@ -1,4 +1,5 @@
 #include "GuardMonitor.h"
+#include "ZuCrashSignalStack.h"
 
 #include <cutils/properties.h>
 #include <log/log.h>

@@ -28,6 +28,7 @@
 
 #include "ZuCrashProbe.h"
 #include "ZuCrashRecord.h"
+#include "ZuCrashSignalStack.h"
 #include "ZuDebugDiag.h"
 #include "ZuDebugOfflineLogger.h"
 #include "ZuOfflinePool.h"

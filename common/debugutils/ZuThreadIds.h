@@ -1,5 +1,4 @@
-// Per-thread facts every module of the library needs: the kernel id of the calling
-// thread, and an alternate signal stack so that the crash catcher can run on it.
+// The kernel id of the calling thread, which every module of the library needs.
 #pragma once
 
 #include <stdint.h>
@@ -12,10 +11,5 @@ namespace zudebug {
 // call on a thread also gives it its alternate signal stack. Safe to call from a
 // signal handler.
 ZUDEBUG_EXPORT uint32_t zuCurrentTid();
-
-// Gives the calling thread an alternate signal stack unless it has one, so that the
-// crash catcher runs even on a thread whose own stack overflowed; released at thread
-// exit. Every thread that logs gets one with its first line.
-ZUDEBUG_EXPORT void PrepareCrashSignalStack();
 
 }  // namespace zudebug
