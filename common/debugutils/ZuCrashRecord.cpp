@@ -1,5 +1,7 @@
 #include "ZuCrashRecord.h"
 
+#include "ZuLogLine.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -78,7 +80,11 @@ void refreshLocalTimeOffset() {
 }
 
 CivilTime localTime(time_t t) {
-  const long long s = static_cast<long long>(t) + sLocalOffset.load(std::memory_order_relaxed);
+  // The offset the log lines were stamped with, so that the record sorts among them;
+  // the one of the catcher's registration before any line.
+  long offset = line::stampUtcOffset();
+  if (offset == line::kUnknownOffset) offset = sLocalOffset.load(std::memory_order_relaxed);
+  const long long s = static_cast<long long>(t) + offset;
   long long days = s / 86400;
   long long rest = s % 86400;
   if (rest < 0) {

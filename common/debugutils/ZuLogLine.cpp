@@ -6,6 +6,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "ZuDebugDiag.h"
 #include "ZuFormat.h"
 #include "ZuThreadIds.h"
@@ -75,12 +77,16 @@ void adoptThread(ThreadRecord& t) {
   t.idsLen = n > 0 && static_cast<size_t>(n) < sizeof(t.ids) ? static_cast<uint32_t>(n) : 0;
 }
 
+std::atomic<long> sStampOffset{kUnknownOffset};
+
 // "MM-DD hh:mm:ss:" of the second; false when the local-time conversion fails.
 bool refreshDate(ThreadRecord& t, time_t second) {
   struct tm tm;
   t.second = second;
   t.dateValid = false;
   if (localtime_r(&second, &tm) == nullptr) return false;
+  if (sStampOffset.load(std::memory_order_relaxed) != tm.tm_gmtoff)
+    sStampOffset.store(tm.tm_gmtoff, std::memory_order_relaxed);
   char date[32];
   const int n = snprintf(date, sizeof(date), "%02d-%02d %02d:%02d:%02d:", tm.tm_mon + 1, tm.tm_mday,
                          tm.tm_hour, tm.tm_min, tm.tm_sec);
@@ -115,6 +121,8 @@ struct SiteEntry {
 };
 
 }  // namespace
+
+long stampUtcOffset() { return sStampOffset.load(std::memory_order_relaxed); }
 
 struct SiteCache {
   SiteEntry entries[kSiteEntries];

@@ -44,6 +44,12 @@ struct LineCursor {
   void terminate() { buf[pos < kLineSize - 1 ? pos : kLineSize - 1] = '\0'; }
 };
 
+// Seconds east of UTC that the line stamps were last made with (each thread notes it
+// when its cached second turns over), for stamps made where local time cannot be
+// asked for (a signal handler); kUnknownOffset before the first stamp.
+constexpr long kUnknownOffset = -1000000;
+long stampUtcOffset();
+
 // Where a line was logged from.
 struct Site {
   const char* file;
