@@ -55,6 +55,10 @@ bool sPreviousSaved[kMaxSignal];
 // flush; and for the other threads' frames.
 constexpr int kSymbolsBudgetMs = 700;
 constexpr int kFlushBudgetMs = 400;
+// A helper that is still writing (slowly: a loaded or emulated machine) has this much
+// more after each piece it writes, up to twice its budget; one stuck on a lock writes
+// nothing and is killed when its budget is up.
+constexpr int kProgressGraceMs = 200;
 // How long the catcher tries for the loggers' locks before it leaves the record to
 // the next start.
 constexpr int kFlushLockBudgetMs = 200;
@@ -143,6 +147,12 @@ bool enterCatcher(int tid, int* index) {
     }
   }
   return true;  // too many at once: this one goes on unmarked
+}
+
+bool inCatcher(int tid) {
+  for (auto& entry : sCatcherTids)
+    if (entry.load(std::memory_order_acquire) == tid) return true;
+  return false;
 }
 
 void leaveCatcher(int index) {
@@ -256,7 +266,8 @@ bool runHelper(int (*fn)(void*), Catcher* c, char* out, size_t cap, size_t* len,
     close(fds[0]);
     return false;
   }
-  const int64_t deadline = monotonicMs() + budgetMs;
+  const int64_t started = monotonicMs();
+  int64_t deadline = started + budgetMs;
   bool ended = false;
   for (;;) {
     const int64_t left = deadline - monotonicMs();
@@ -272,6 +283,8 @@ bool runHelper(int (*fn)(void*), Catcher* c, char* out, size_t cap, size_t* len,
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     if (to != scratch) *len += static_cast<size_t>(n);
+    const int64_t grace = monotonicMs() + kProgressGraceMs;
+    if (grace > deadline) deadline = grace < started + 2 * budgetMs ? grace : started + 2 * budgetMs;
     if (to[n - 1] == kHelperDone) {
       if (to != scratch) --*len;
       ended = true;
@@ -386,7 +399,7 @@ void recordCrash(int signal, siginfo_t* info, void* context, int pid, int tid, c
   probe->addSender(c->writer, info);
   probe->addRegisters(c->writer, context);
   probe->addMemory(c->writer, info, context);
-  probe->gatherThreads(kThreadsBudgetMs);
+  probe->gatherThreads(kThreadsBudgetMs, inCatcher);
   probe->addModules(c->writer);
   probe->addThreads(c->writer);
   if (inSlot) logger->closeCrashSlot(c->lease);
@@ -454,6 +467,9 @@ void RegisterSignalHandlers() {
   action.sa_mask = current.sa_mask;
   // On the thread's alternate stack, so that a stack overflow is caught too.
   action.sa_flags = current.sa_flags | SA_SIGINFO | SA_ONSTACK;
+  // Another catcher's request for this thread's frames waits: the record has them,
+  // and answering would nest on the catcher's stack.
+  if (crash::peekSignal() != 0) sigaddset(&action.sa_mask, crash::peekSignal());
   action.sa_sigaction = SignalCatcher;
 
   for (const CaughtSignal& caught : kCaughtSignals) {

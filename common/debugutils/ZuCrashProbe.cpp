@@ -530,7 +530,9 @@ void Probe::addMemory(RecordWriter& w, const siginfo_t* info, const void* contex
 #endif
 }
 
-bool Probe::gatherThreads(int budgetMs) {
+int peekSignal() { return sPeekSignal; }
+
+bool Probe::gatherThreads(int budgetMs, bool (*crashing)(int tid)) {
   bool taken = false;
   if (sPeekSignal == 0 || !sPeekTaken.compare_exchange_strong(taken, true)) return false;
   const int self = gettidRaw();
@@ -553,6 +555,11 @@ bool Probe::gatherThreads(int budgetMs) {
       p.str("/proc/self/task/").dec(tid).str("/comm");
       path[p.size()] = '\0';
       if (readSmall(path, slot.name, sizeof(slot.name)) == 0) memcpy(slot.name, "<unknown>", 10);
+      if (crashing != nullptr && crashing(tid)) {
+        slot.state.store(4, std::memory_order_relaxed);
+        slot.tid.store(tid, std::memory_order_release);
+        continue;
+      }
       slot.state.store(1, std::memory_order_relaxed);
       slot.tid.store(tid, std::memory_order_release);
       if (syscall(SYS_tgkill, pid, tid, sPeekSignal) != 0) slot.state.store(0, std::memory_order_release);
@@ -620,7 +627,12 @@ void Probe::addThreads(RecordWriter& w) {
     Text t(buf, sizeof(buf));
     t.str("thread: tid ").dec(slot.tid.load(std::memory_order_relaxed)).str(", name ").str(slot.name);
     w.line(t);
-    if (slot.state.load(std::memory_order_acquire) != 3) continue;
+    const int state = slot.state.load(std::memory_order_acquire);
+    if (state == 4) {
+      w.line("      (crashed too: its frames are in its own record)", 53);
+      ++answered;
+    }
+    if (state != 3) continue;
     ++answered;
     for (uint32_t k = 0; k < slot.count && place < d->placeCount; ++k)
       addPlaceLine(w, *d, d->places[place++], "      ", k);

@@ -17,6 +17,8 @@ namespace crash {
 // Made ready outside any handler: the signal that asks other threads for their frames,
 // and the pipe that tells readable memory where process_vm_readv is not to be had.
 void prepareProbe();
+// The signal gatherThreads() asks other threads with; 0 when there is none.
+int peekSignal();
 
 // Copies `n` bytes at `addr` without faulting; the count copied.
 size_t safeRead(uintptr_t addr, void* out, size_t n);
@@ -36,8 +38,10 @@ class Probe {
   void addRegisters(RecordWriter& w, const void* context);
   void addMemory(RecordWriter& w, const siginfo_t* info, const void* context);
   // Asks every other thread for its frames, waiting `budgetMs` at most; one catcher
-  // at a time (false when another has it).
-  bool gatherThreads(int budgetMs);
+  // at a time (false when another has it). Threads for which `crashing` says so are
+  // in a catcher of their own, which keeps the signal that asks blocked: they are
+  // listed, not asked.
+  bool gatherThreads(int budgetMs, bool (*crashing)(int tid));
   void addModules(RecordWriter& w);
   void addThreads(RecordWriter& w);
 

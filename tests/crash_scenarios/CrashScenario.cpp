@@ -143,6 +143,8 @@ void catcherEntry(int sig, siginfo_t* info, void* context) {
   gCatcherActions[sig].sa_sigaction(sig, info, context);
 }
 
+int gNoted = 0;
+
 // The handler the catcher hands over to: notes what it got, then dies of the signal
 // as the default action would.
 void previousHandler(int sig, siginfo_t* info, void*) {
@@ -166,6 +168,11 @@ void previousHandler(int sig, siginfo_t* info, void*) {
       gResult->stackPainted = static_cast<uint64_t>(tPaintHigh - tPaintLow);
       gResult->onOwnSignalStack = tOnOwnSignalStack;
     }
+    __atomic_store_n(&gNoted, 1, __ATOMIC_RELEASE);
+  } else {
+    // The first thread here is still noting: dying now would cut it short.
+    const struct timespec ms = {0, 1000000};
+    for (int i = 0; i < 1000 && __atomic_load_n(&gNoted, __ATOMIC_ACQUIRE) == 0; ++i) nanosleep(&ms, nullptr);
   }
   struct sigaction dfl;
   memset(&dfl, 0, sizeof(dfl));
@@ -335,8 +342,9 @@ __attribute__((noinline)) void corruptTopSize() {
   gQuotient = more != nullptr;
 }
 
-// Another thread holds every heap lock while it writes the statistics to a pipe that
-// is full and that nobody reads.
+// Another thread holds every heap lock in turn while it writes the statistics to a
+// pipe that is full and that nobody reads: malloc_stats() writes to `stderr`, here a
+// stream on that pipe (file descriptor 2 stays as it was, for whoever else writes there).
 void heapLockedByStats() {
   int fds[2];
   if (pipe(fds) != 0) return;
@@ -345,9 +353,12 @@ void heapLockedByStats() {
   while (write(fds[1], filler, sizeof(filler)) > 0) {
   }
   fcntl(fds[1], F_SETFL, 0);
-  dup2(fds[1], STDERR_FILENO);
+  FILE* full = fdopen(fds[1], "w");
+  if (full == nullptr) return;
+  setvbuf(full, nullptr, _IONBF, 0);
+  stderr = full;
   std::thread([] { malloc_stats(); }).detach();
-  usleep(50000);  // inside the write, the locks held
+  usleep(50000);  // inside the write, the lock held
   faultBySegv();
 }
 
