@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <inttypes.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/uio.h>
 #include <ucontext.h>
@@ -78,6 +79,7 @@ size_t unwindInterrupted(const void* context, const void* handlerReturn, CrashFr
   return n;
 #else
   (void)readPair;
+  (void)out;
   return 0;
 #endif
 }
