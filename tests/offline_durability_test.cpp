@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -127,8 +128,8 @@ void setMask(const TempRoot& root, std::map<std::string, std::string> props = {}
 }
 
 // A new process starts its logger on the same root, recovers what it finds and stops.
-void restart(const TempRoot& root) {
-  const ChildResult r = runChild("OfflineDurability.RestartChild", root);
+void restart(const TempRoot& root, const std::map<std::string, std::string>& vars = {}) {
+  const ChildResult r = runChild("OfflineDurability.RestartChild", root, vars);
   EXPECT_EQ(r.exitCode(), 0) << r.output;
 }
 
@@ -593,3 +594,155 @@ TEST(OfflineDurability, DroppedLinesAreCounted) {
   EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "OfflineLogger allocate memory failed"), 10u);
 }
 #endif
+
+// ---- the file system around the offline log ----
+
+namespace {
+
+// A small tmpfs over a directory of the root, made and removed by the test; false when
+// this process may not mount one.
+class SmallDisk {
+ public:
+  SmallDisk(const std::string& dir, const char* size) : mDir(dir) {
+    mkdir(dir.c_str(), 0777);
+    mMounted = mount("tmpfs", dir.c_str(), "tmpfs", 0, (std::string("size=") + size).c_str()) == 0;
+    mWhy = mMounted ? "" : std::string("cannot mount a tmpfs here: ") + strerror(errno);
+  }
+  ~SmallDisk() {
+    if (mMounted) umount2(mDir.c_str(), MNT_DETACH);
+  }
+  bool mounted() const { return mMounted; }
+  const std::string& why() const { return mWhy; }
+  bool resize(const char* size) {
+    return mount(nullptr, mDir.c_str(), nullptr, MS_REMOUNT, (std::string("size=") + size).c_str()) == 0;
+  }
+
+ private:
+  std::string mDir;
+  bool mMounted = false;
+  std::string mWhy;
+};
+
+void waitForFile(const std::string& path, int pid) {
+  for (int i = 0; i < 30000 && access(path.c_str(), F_OK) != 0 && kill(pid, 0) == 0; ++i) usleep(1000);
+}
+
+}  // namespace
+
+// Four threads log LINES numbered lines each (counted as in WriterChild), then wait
+// for "go" in the root; then LINES more each. MODE:
+//   stop    a forced flush before the wait; after the second round, stop the logger
+//           and exit
+//   flush   then ask for a normal flush, say "done" and wait to be killed
+ZU_CHILD_TEST(OfflineDurability, TwoRoundsChild) {
+  const std::string mode = env("MODE");
+  const int lines = atoi(env("LINES", "500").c_str());
+  uint32_t* counts = mapCounts(env("COUNTS"));
+  ASSERT_NE(counts, nullptr);
+  ASSERT_EQ(facade()->startOfflineLogger(), 0);
+  auto round = [&](int from) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+      threads.emplace_back([=] {
+        for (int i = from; i < from + lines; ++i) {
+          logNumbered(t, i);
+          __atomic_store_n(&counts[t], static_cast<uint32_t>(i + 1), __ATOMIC_RELEASE);
+        }
+      });
+    for (auto& t : threads) t.join();
+  };
+  round(0);
+  if (mode == "stop") facade()->flushLogToFileInterface(true);
+  while (access("go", F_OK) != 0) usleep(1000);
+  round(lines);
+  if (mode == "stop") {
+    facade()->stopOfflineLogger();
+    return;
+  }
+  facade()->flushLogToFileInterface(false);
+  close(open("done", O_WRONLY | O_CREAT, 0644));
+  for (;;) pause();
+}
+
+// The disk fills while the threads log: the flush keeps failing, nothing is counted as
+// written, and once there is room again every line reaches the files, once.
+TEST(OfflineDurability, DiskFillsThenFrees) {
+  TempRoot root;
+  setMask(root, {{"persist.vendor.camera.offlinelog.pooldir", "/data/vendor/camera/queues"}});
+  SmallDisk disk(root.path(kDir), "256k");
+  if (!disk.mounted()) GTEST_SKIP() << disk.why();
+  std::map<std::string, std::string> vars = writerEnv(root, "stop");
+  vars["LINES"] = "10000";             // about 3 MB in all
+  vars["ZUDEBUG_FREE_MB"] = "100000";  // the start's own check of free space passes
+  const int pid = spawnChild("OfflineDurability.TwoRoundsChild", root, vars);
+  waitForLines(root, pid, 40000);
+  usleep(300000);
+  ASSERT_TRUE(disk.resize("64m"));
+  close(open(root.path("go").c_str(), O_WRONLY | O_CREAT, 0644));
+  const ChildResult r = waitChild(pid, root);
+  EXPECT_EQ(r.exitCode(), 0) << r.output;
+  const std::vector<uint32_t> counts = readCounts(root.path("counts.bin"));
+  for (int t = 0; t < 4; ++t) EXPECT_EQ(counts[t], 20000u);
+  expectExactlyOnce(allLogText(root), counts, 0, 4);
+  EXPECT_GE(countSubstr(readFile(root.logcatFile()), "the lines wait in their queues"), 1u)
+      << readFile(root.logcatFile()).substr(0, 3000);
+}
+
+// A start that recovers a dead process's queues into a full disk writes what fits and
+// keeps the rest in the queue file; a later start with room writes the rest, once.
+TEST(OfflineDurability, RecoveryIntoAFullDiskThenAFreedOne) {
+  TempRoot root;
+  setMask(root, {{"persist.vendor.camera.offlinelog.pooldir", "/data/vendor/camera/queues"}});
+  SmallDisk disk(root.path(kDir), "64m");
+  if (!disk.mounted()) GTEST_SKIP() << disk.why();
+  const std::map<std::string, std::string> roomy = {{"ZUDEBUG_FREE_MB", "100000"}};
+  std::map<std::string, std::string> vars = writerEnv(root, "idle");
+  vars.insert(roomy.begin(), roomy.end());
+  const int pid = spawnChild("OfflineDurability.WriterChild", root, vars);
+  waitForLines(root, pid, 2000);
+  kill(pid, SIGKILL);
+  waitChild(pid, root);
+  // Full: room for a few lines only.
+  ASSERT_TRUE(disk.resize("64k"));
+  {
+    const int fd = open(root.path(kDir + "filler").c_str(), O_WRONLY | O_CREAT, 0644);
+    std::string block(4096, 'x');
+    while (write(fd, block.data(), block.size()) > 0) {
+    }
+    ftruncate(fd, lseek(fd, 0, SEEK_CUR) - 2048);  // a little room
+    close(fd);
+  }
+  restart(root, roomy);
+  std::vector<std::string> queues;
+  for (const std::string& name : listDir(root.path("data/vendor/camera/queues")))
+    if (name.find(".pool") != std::string::npos) queues.push_back(name);
+  // The dead process's, and the restart's own: its last lines did not fit either.
+  EXPECT_EQ(queues.size(), 2u) << "the dead queue file is kept while its lines are not on disk";
+  EXPECT_GE(countSubstr(readFile(root.logcatFile()), "kept there for the next start"), 1u);
+  unlink(root.path(kDir + "filler").c_str());
+  ASSERT_TRUE(disk.resize("64m"));
+  restart(root, roomy);
+  expectExactlyOnce(allLogText(root), readCounts(root.path("counts.bin")), 0, 4);
+  EXPECT_TRUE(listDir(root.path("data/vendor/camera/queues")).empty());
+}
+
+// The offline directory, queue file included, is removed while a process logs (as
+// engineers clear logs); its lines before and after reach the files once the process
+// is killed and another starts.
+TEST(OfflineDurability, DirectoryRemovedThenKilled) {
+  TempRoot root;
+  setMask(root);
+  const int pid = spawnChild("OfflineDurability.TwoRoundsChild", root, writerEnv(root, "flush"));
+  waitForLines(root, pid, 2000);
+  ASSERT_EQ(system(("rm -rf " + root.path(kDir)).c_str()), 0);
+  close(open(root.path("go").c_str(), O_WRONLY | O_CREAT, 0644));
+  waitForFile(root.path("done"), pid);
+  kill(pid, SIGKILL);
+  waitChild(pid, root);
+  EXPECT_EQ(poolFiles(root).size(), 1u) << "the queue file was made again";
+  restart(root);
+  const std::vector<uint32_t> counts = readCounts(root.path("counts.bin"));
+  for (int t = 0; t < 4; ++t) EXPECT_EQ(counts[t], 1000u);
+  expectExactlyOnce(allLogText(root), counts, 0, 4);
+  EXPECT_GE(countSubstr(readFile(root.logcatFile()), "was removed under the process: made again"), 1u);
+}

@@ -39,11 +39,12 @@ namespace zudebug {
 
 namespace {
 
-constexpr uint32_t kBlockSize = pool::kBlockSize;  // one queue
-constexpr uint32_t kVolumeLimit = 10485760;        // bytes a thread writes before it hands over
-constexpr uint32_t kFileSizeLimit = 10485760;      // a file is closed once it passes 10 MiB
-constexpr uint32_t kFlushThreshold = 8;            // queues waiting before a normal flush writes
-constexpr float kMinFreeMiB = 3000.0f;             // below this the logger does not start
+constexpr uint32_t kBlockSize = pool::kBlockSize;    // one queue
+constexpr uint32_t kVolumeLimit = 10485760;          // bytes a thread writes before it hands over
+constexpr uint32_t kFileSizeLimit = 10485760;        // a file is closed once it passes 10 MiB
+constexpr std::chrono::seconds kWriteRetryPause{1};  // between tries of a file that failed
+constexpr uint32_t kFlushThreshold = 8;              // queues waiting before a normal flush writes
+constexpr float kMinFreeMiB = 3000.0f;               // below this the logger does not start
 constexpr const char* kLogDir = "/data/vendor/camera/offlinelog";
 constexpr const char* kNoSpaceText = "OfflineLogger detect file system has no space left";
 
@@ -302,13 +303,14 @@ void ZuDegbugOfflineLogger::openPoolFile() {
   mState->mPoolFile->prepareCrashArea();
 }
 
-// Under the pool mutex, with no append in flight: every block goes back to the system.
-void ZuDegbugOfflineLogger::closePool() {
+// Under the pool mutex, with no append in flight: every block goes back to the system;
+// the queue file is removed unless it keeps lines for the next start.
+void ZuDegbugOfflineLogger::closePool(bool removeFile) {
   mState->mFreeMemoryIndex.clear();
   mState->mMemoryLogPool.clear();
   mState->mBlockDesc.clear();
   mState->mBlockFileIndex.clear();
-  if (mState->mPoolFile) mState->mPoolFile->close(true);
+  if (mState->mPoolFile) mState->mPoolFile->close(removeFile);
 }
 
 int ZuDegbugOfflineLogger::allocateLogQueueMemPool() {
@@ -586,9 +588,34 @@ bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result
     *result = -1;
     return true;
   }
+  relinkQueueFileIfGone();
   // Small amounts wait in memory; no need to take any lock to find that out.
   if (!force && mState->mNeedFlushThreadCount.load() < kFlushThreshold) return true;
   return force ? forcedFlush(deadline, result) : normalFlush(deadline, result);
+}
+
+// A queue file whose directory was removed (`rm -rf` of the offline directory) would
+// take every queued line with it at the next kill: it gets a file again.
+void ZuDegbugOfflineLogger::relinkQueueFileIfGone() {
+  {
+    std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
+    if (!mState->mPoolFile || !mState->mPoolFile->unlinked()) return;
+  }
+  std::lock_guard<ZuPoolLock> appends(mState->mPoolLock);
+  std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
+  std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
+  if (!mState->mPoolFile || !mState->mPoolFile->unlinked()) return;
+  std::string why;
+  const bool relinked = mState->mPoolFile->relink(&why);
+  if (relinked)
+    ZU_DBG_LOGE("OfflineLogger queue file %s was removed under the process: made again",
+                mState->mPoolFile->path().c_str());
+  else if (!mState->mRelinkFailing)
+    ZU_DBG_LOGE(
+        "OfflineLogger queue file %s was removed under the process and cannot be made again (%s): "
+        "queued lines are lost if the process dies",
+        mState->mPoolFile->path().c_str(), why.c_str());
+  mState->mRelinkFailing = !relinked;
 }
 
 // Writes the queues that were handed over. Nobody writes into those any more, so the
@@ -606,6 +633,8 @@ bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
       return true;
     }
     if (mState->mNeedFlushThreadCount.load() < kFlushThreshold) return true;
+    // A file that could not be written is tried again once a second, not on every wake.
+    if (mState->mWriteFailing && Clock::now() - mState->mLastWriteFailure < kWriteRetryPause) return true;
     for (int id : mState->mFlushRegisterId)
       if (id >= 0 && id < static_cast<int>(mState->mPerLogInfoPool.size()))
         batch.emplace_back(id, mState->mPerLogInfoPool[id].get());
@@ -616,9 +645,20 @@ bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
   {
     std::lock_guard<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex);
     for (auto& entry : batch) recycleLocked(entry.first, *entry.second);
+    keepUnwrittenLocked(batch);
   }
   rotateLocked();
   return true;
+}
+
+// Under the file mutex and the pool mutex: queues whose bytes could not be written go
+// back to the front of the list, in their order, for the next try.
+void ZuDegbugOfflineLogger::keepUnwrittenLocked(const std::vector<std::pair<int, PerLogThreadInfo*>>& batch) {
+  std::vector<int> unwritten;
+  for (const auto& entry : batch)
+    if (!entry.second->bReserved && entry.second->bNeedFlush) unwritten.push_back(entry.first);
+  if (!unwritten.empty())
+    mState->mFlushRegisterId.insert(mState->mFlushRegisterId.begin(), unwritten.begin(), unwritten.end());
 }
 
 // Writes every queue that holds unwritten bytes, also those of live threads, which go
@@ -643,12 +683,17 @@ void ZuDegbugOfflineLogger::forcedFlushLocked(int* result) {
   mState->mStatus.store(kStatusStopping);
   // Handed-over queues first, in hand-over order, then every queue still owned.
   // Nobody hands over meanwhile: that needs the pool mutex.
-  for (const int id : mState->mFlushRegisterId) {
-    if (id < 0 || id >= static_cast<int>(mState->mPerLogInfoPool.size())) continue;
-    writeRecordLocked(*mState->mPerLogInfoPool[id], true, true);
-    recycleLocked(id, *mState->mPerLogInfoPool[id]);
-  }
+  std::vector<std::pair<int, PerLogThreadInfo*>>& batch = mState->mFlushBatch;
+  batch.clear();
+  for (const int id : mState->mFlushRegisterId)
+    if (id >= 0 && id < static_cast<int>(mState->mPerLogInfoPool.size()))
+      batch.emplace_back(id, mState->mPerLogInfoPool[id].get());
   mState->mFlushRegisterId.clear();
+  for (auto& entry : batch) {
+    writeRecordLocked(*entry.second, true, true);
+    recycleLocked(entry.first, *entry.second);
+  }
+  keepUnwrittenLocked(batch);
   for (int id = 0; id < static_cast<int>(mState->mPerLogInfoPool.size()); ++id) {
     PerLogThreadInfo& record = *mState->mPerLogInfoPool[id];
     if (record.desc != nullptr && !record.bNeedFlush) writeRecordLocked(record, false, true);
@@ -722,10 +767,12 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool wai
     pool::PoolHeader* header = mState->mPoolFile ? mState->mPoolFile->header() : nullptr;
     MappedIntent intent{header, static_cast<uint32_t>(fileBlock), from, used};
     const bool durable = header != nullptr && fileBlock >= 0;
-    writeBytesLocked(record.address + from, used - from, durable ? &MappedIntent::record : nullptr, &intent);
-    // Written (or lost to a failing file): either way the bytes are done with.
-    pool::storeRelease(&desc->flushed, used);
+    const bool written = writeBytesLocked(record.address + from, used - from,
+                                          durable ? &MappedIntent::record : nullptr, &intent);
     if (durable) pool::storeRelease(&header->intent.state, 0);
+    // Bytes that did not reach a file stay in the queue for the next try.
+    if (!written) return;
+    pool::storeRelease(&desc->flushed, used);
   }
   if (waiting) {
     record.bReserved = true;
@@ -751,9 +798,9 @@ void ZuDegbugOfflineLogger::writeCrashRecordsLocked() {
     const uint32_t from = s.flushed;
     if (used > from) {
       MappedIntent intent{header, pool::kCrashIntentBit | slot, from, used};
-      writeBytesLocked(area.data(slot) + from, used - from,
-                       header != nullptr ? &MappedIntent::record : nullptr, &intent);
-      pool::storeRelease(&s.flushed, used);
+      const bool written = writeBytesLocked(area.data(slot) + from, used - from,
+                                            header != nullptr ? &MappedIntent::record : nullptr, &intent);
+      if (written) pool::storeRelease(&s.flushed, used);
       if (header != nullptr) pool::storeRelease(&header->intent.state, 0);
     }
     area.release(slot);
@@ -766,7 +813,12 @@ void ZuDegbugOfflineLogger::writeCrashRecordsLocked() {
 bool ZuDegbugOfflineLogger::writeBytesLocked(const uint8_t* data, uint32_t len,
                                              void (*intent)(void*, const char*, uint64_t), void* ctx) {
   if (!mState->mFileOpen) openNewFileLocked();
-  const int fd = devfs::openFd(mState->mCurrentFileName.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+  int fd = devfs::openFd(mState->mCurrentFileName.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+  if (fd < 0 && errno == ENOENT) {
+    // The directory went (cleared by hand, say): made again.
+    makeDeviceDirs(kLogDir);
+    fd = devfs::openFd(mState->mCurrentFileName.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+  }
   bool ok = fd >= 0;
   int err = errno;
   if (ok) {
@@ -785,13 +837,18 @@ bool ZuDegbugOfflineLogger::writeBytesLocked(const uint8_t* data, uint32_t len,
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile",
                       "zu-debug TXT Offlinelog failed to open file and write");
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile",
-                      "OfflineLogger cannot write %s: %s; queues are lost until a file can be written again",
+                      "OfflineLogger cannot write %s: %s; the lines wait in their queues until a file can be "
+                      "written again",
                       mState->mCurrentFileName.c_str(), strerror(err));
   } else if (ok && mState->mWriteFailing) {
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "flushLogToFile", "OfflineLogger writes %s again",
                       mState->mCurrentFileName.c_str());
   }
   mState->mWriteFailing = !ok;
+  if (!ok) {
+    mState->mLastWriteFailure = Clock::now();
+    return false;
+  }
   mState->mCurrentFileSize += len;
   if (mState->mCurrentFileSize > kFileSizeLimit) {
     mState->mFileOpen = 0;
@@ -903,11 +960,20 @@ class LoggerRecoveryWriter : public pool::RecoveryWriter {
                       void* ctx) override {
     return mLogger.writeBytesLocked(data, len, intent, ctx);
   }
-  void writeNotice(uint64_t bytes, uint32_t pid, const char* poolFile) override {
+  bool writeNotice(uint64_t bytes, uint32_t pid, const char* poolFile) override {
     char line[1024];
     const size_t n = formatDiagnosticLine(line, sizeof(line), "I", zuBaseName(__FILE__), "start", __LINE__,
                                           "OfflineLogger recovered %llu bytes of process %u from %s",
                                           static_cast<unsigned long long>(bytes), pid, poolFile);
+    return mLogger.writeBytesLocked(reinterpret_cast<const uint8_t*>(line), static_cast<uint32_t>(n), nullptr,
+                                    nullptr);
+  }
+  void writeKeptNotice(uint64_t written, uint64_t kept, uint32_t pid, const char* poolFile) override {
+    char line[1024];
+    const size_t n = formatDiagnosticLine(
+        line, sizeof(line), "E", zuBaseName(__FILE__), "start", __LINE__,
+        "OfflineLogger wrote %llu bytes of process %u from %s; %llu bytes kept there for the next start",
+        static_cast<unsigned long long>(written), pid, poolFile, static_cast<unsigned long long>(kept));
     mLogger.writeBytesLocked(reinterpret_cast<const uint8_t*>(line), static_cast<uint32_t>(n), nullptr,
                              nullptr);
   }
@@ -967,19 +1033,28 @@ int ZuDegbugOfflineLogger::stop() {
   }
   flushLogToFile(true);
   mState->mStatus.store(kStatusStopped);
-  setAllToDefaultValue();
+  // What a failing file did not take stays in the queue file, for the next start.
+  const bool keep = mState->mWriteFailing && mState->mPoolFile && mState->mPoolFile->isOpen();
+  if (keep)
+    ZU_DBG_LOGE("OfflineLogger cannot write its last lines: queue file %s kept for the next start",
+                mState->mPoolFile->path().c_str());
+  resetRecords(!keep);
   {
     std::lock_guard<ZuPoolLock> write(mState->mPoolLock);
     std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
     std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
     mState->mSessionCount.fetch_add(1, std::memory_order_relaxed);
-    closePool();
+    closePool(!keep);
   }
   ZU_DBG_LOGI("X mSessionCount %d", static_cast<int>(mState->mSessionCount.load()));
   return 0;
 }
 
-void ZuDegbugOfflineLogger::setAllToDefaultValue() {
+void ZuDegbugOfflineLogger::setAllToDefaultValue() { resetRecords(true); }
+
+// `clearBlocks`: the blocks' counters in the queue file are zeroed too; else they keep
+// what they hold for whoever recovers the file.
+void ZuDegbugOfflineLogger::resetRecords(bool clearBlocks) {
   // The file mutex keeps a normal flush from writing queues that go away here.
   std::lock_guard<ZuPoolLock> write(mState->mPoolLock);
   std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
@@ -987,7 +1062,7 @@ void ZuDegbugOfflineLogger::setAllToDefaultValue() {
   mState->mFreeMemoryIndex.clear();
   for (int i = static_cast<int>(mState->mMemoryLogPool.size()) - 1; i >= 0; --i)
     mState->mFreeMemoryIndex.push_back(i);
-  for (int i = 0; i < static_cast<int>(mState->mMemoryLogPool.size()); ++i) {
+  for (int i = 0; clearBlocks && i < static_cast<int>(mState->mMemoryLogPool.size()); ++i) {
     pool::BlockDesc* desc = mState->mBlockDesc[static_cast<size_t>(i)];
     pool::storeRelease(&desc->state, pool::kBlockFree);
     pool::storeRelease(&desc->used, 0);

@@ -148,6 +148,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   bool forcedFlush(Deadline deadline, int* result);
   void forcedFlushLocked(int* result);
   void recycleLocked(int registerId, PerLogThreadInfo& record);
+  void keepUnwrittenLocked(const std::vector<std::pair<int, PerLogThreadInfo*>>& batch);
   void rotateLocked();
   void writeRecordLocked(PerLogThreadInfo& record, bool waiting, bool force);
   void writeCrashRecordsLocked();
@@ -158,7 +159,9 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   bool queryAvailableSpace(const char* path, float* mib);
   void scanDirectoryOnce();
   void openPoolFile();
-  void closePool();
+  void closePool(bool removeFile = true);
+  void relinkQueueFileIfGone();
+  void resetRecords(bool clearBlocks);
   void recoverDeadProcesses();
   std::string poolDirectory() const;
 

@@ -176,6 +176,9 @@ struct ZuDegbugOfflineLogger::State {
   uint32_t mCurrentFileSize = 0;
   std::deque<std::string> mFileList;
   bool mWriteFailing = false;  // the last write failed; said once until one succeeds
+  // When a write last failed: handed-over queues wait for the next try a while.
+  std::chrono::steady_clock::time_point mLastWriteFailure{};
+  bool mRelinkFailing = false;  // the queue file lost its name and could not be made again
   ZuOwnedPlainMutex mFileMutex;
 };
 

@@ -244,6 +244,49 @@ void PoolFile::close(bool remove) {
   mPath.clear();
 }
 
+bool PoolFile::unlinked() const {
+  struct stat st;
+  return mFd >= 0 && mHeader != nullptr && fstat(mFd, &st) == 0 && st.st_nlink == 0;
+}
+
+bool PoolFile::relink(std::string* why) {
+  const size_t slash = mPath.rfind('/');
+  if (slash != std::string::npos) devfs::makeDirs(mPath.substr(0, slash).c_str(), 0777);
+  const std::string tmpPath = mPath + ".tmp";
+  devfs::removeFile(tmpPath.c_str());
+  const int fd = devfs::openFd(tmpPath.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+  if (fd < 0) {
+    *why = errnoText("create", errno);
+    return false;
+  }
+  fchmod(fd, 0666);
+  auto fail = [&](const std::string& reason) {
+    *why = reason;
+    ::close(fd);
+    devfs::removeFile(tmpPath.c_str());
+    return false;
+  };
+  if (!lockWhole(fd)) return fail(errnoText("lock", errno));
+  const uint64_t size = kHeaderBytes + static_cast<uint64_t>(mHeader->chunkCount) * kChunkBytes;
+  if (int err = posix_fallocate(fd, 0, static_cast<off_t>(size))) return fail(errnoText("reserve", err));
+  if (!writeAt(fd, mHeader, kHeaderBytes, 0)) return fail(errnoText("write", errno));
+  for (const Chunk& c : mChunks)
+    if (c.fileChunk >= 0 &&
+        !writeAt(fd, c.base, kChunkBytes, kHeaderBytes + static_cast<uint64_t>(c.fileChunk) * kChunkBytes))
+      return fail(errnoText("write", errno));
+  if (!devfs::renameFile(tmpPath.c_str(), mPath.c_str())) return fail(errnoText("rename", errno));
+  // The same addresses, now backed by the new file: nothing that points into the pool
+  // changes.
+  mmap(mHeader, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0);
+  for (const Chunk& c : mChunks)
+    if (c.fileChunk >= 0)
+      mmap(c.base, kChunkBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd,
+           static_cast<off_t>(kHeaderBytes + static_cast<uint64_t>(c.fileChunk) * kChunkBytes));
+  ::close(mFd);
+  mFd = fd;
+  return true;
+}
+
 // ---- recovery ----
 
 namespace {
@@ -252,6 +295,8 @@ struct FoundBlock {
   uint32_t fileBlock;
   BlockDesc desc;
 };
+
+enum class Recovered { Written, Unreadable, NotWritten };
 
 class DeadPool {
  public:
@@ -355,17 +400,21 @@ class DeadPool {
   }
   uint32_t crashBytes(uint32_t slot) const { return mHeader.crash[slot].used - mHeader.crash[slot].flushed; }
 
-  bool recoverCrashSlot(uint32_t slot, uint8_t* buf, RecoveryWriter& writer) {
+  Recovered recoverCrashSlot(uint32_t slot, uint8_t* buf, RecoveryWriter& writer) {
     CrashSlot& s = mHeader.crash[slot];
     const uint32_t len = s.used - s.flushed;
-    if (!readAt(mFd, buf, len, mSlotsAt + static_cast<uint64_t>(slot) * mSlotBytes + s.flushed)) return false;
+    if (!readAt(mFd, buf, len, mSlotsAt + static_cast<uint64_t>(slot) * mSlotBytes + s.flushed))
+      return Recovered::Unreadable;
     mPending = {1, kCrashIntentBit | slot, s.flushed, s.used, 0, {0}};
-    writer.writeRecovered(buf, len, &DeadPool::recordIntent, this);
+    if (!writer.writeRecovered(buf, len, &DeadPool::recordIntent, this)) {
+      clearIntent();
+      return Recovered::NotWritten;
+    }
     s.flushed = s.used;
     writeAt(mFd, &s.flushed, sizeof(s.flushed),
             offsetof(PoolHeader, crash) + slot * sizeof(CrashSlot) + offsetof(CrashSlot, flushed));
     clearIntent();
-    return true;
+    return Recovered::Written;
   }
 
   // Blocks holding unflushed bytes, in the order they were taken.
@@ -397,16 +446,20 @@ class DeadPool {
 
   // Writes one block's unflushed bytes through `writer`, recording the write in the
   // dead pool first, so that a recoverer killed meanwhile leaves it to the next one.
-  bool recoverBlock(const FoundBlock& b, uint8_t* buf, RecoveryWriter& writer) {
+  Recovered recoverBlock(const FoundBlock& b, uint8_t* buf, RecoveryWriter& writer) {
     const uint32_t len = b.desc.used - b.desc.flushed;
-    if (!readAt(mFd, buf, len, blockOffset(mHeaderBytes, b.fileBlock) + b.desc.flushed)) return false;
+    if (!readAt(mFd, buf, len, blockOffset(mHeaderBytes, b.fileBlock) + b.desc.flushed))
+      return Recovered::Unreadable;
     mPending = {1, b.fileBlock, b.desc.flushed, b.desc.used, 0, {0}};
-    writer.writeRecovered(buf, len, &DeadPool::recordIntent, this);
+    if (!writer.writeRecovered(buf, len, &DeadPool::recordIntent, this)) {
+      clearIntent();
+      return Recovered::NotWritten;
+    }
     const uint32_t flushed = b.desc.used;
     writeAt(mFd, &flushed, sizeof(flushed),
             descOffset(mHeaderBytes, b.fileBlock) + offsetof(BlockDesc, flushed));
     clearIntent();
-    return true;
+    return Recovered::Written;
   }
 
   bool announced() const { return mHeader.announced != 0; }
@@ -509,19 +562,51 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
     uint64_t total = 0;
     for (const FoundBlock& b : blocks) total += b.desc.used - b.desc.flushed;
     for (uint32_t slot : records) total += dead.crashBytes(slot);
-    if (total > 0 && !dead.announced()) {
-      writer.writeNotice(total, dead.pid(), path.c_str());
+    if (total > 0 && !dead.announced() && writer.writeNotice(total, dead.pid(), path.c_str()))
       dead.markAnnounced();
-    }
     if ((!blocks.empty() || !records.empty()) && !buf) buf.reset(new uint8_t[kBlockSize]);
+    uint64_t written = 0;
+    bool full = false;
     for (const FoundBlock& b : blocks) {
-      if (!dead.recoverBlock(b, buf.get(), writer))
-        ZU_DBG_LOGE("OfflineLogger pool file %s: block %u unreadable, skipped", path.c_str(), b.fileBlock);
+      if (full) break;
+      switch (dead.recoverBlock(b, buf.get(), writer)) {
+        case Recovered::Written:
+          written += b.desc.used - b.desc.flushed;
+          break;
+        case Recovered::NotWritten:
+          full = true;
+          break;
+        case Recovered::Unreadable:
+          ZU_DBG_LOGE("OfflineLogger pool file %s: block %u unreadable, skipped", path.c_str(), b.fileBlock);
+          break;
+      }
     }
     // The crash records last: they were the process's last words.
     for (uint32_t slot : records) {
-      if (!dead.recoverCrashSlot(slot, buf.get(), writer))
-        ZU_DBG_LOGE("OfflineLogger pool file %s: crash record %u unreadable, skipped", path.c_str(), slot);
+      if (full) break;
+      const uint64_t bytes = dead.crashBytes(slot);
+      switch (dead.recoverCrashSlot(slot, buf.get(), writer)) {
+        case Recovered::Written:
+          written += bytes;
+          break;
+        case Recovered::NotWritten:
+          full = true;
+          break;
+        case Recovered::Unreadable:
+          ZU_DBG_LOGE("OfflineLogger pool file %s: crash record %u unreadable, skipped", path.c_str(), slot);
+          break;
+      }
+    }
+    if (full) {
+      // The files cannot take more now (a full disk): the rest stays where it is.
+      ZU_DBG_LOGE(
+          "OfflineLogger wrote %llu of %llu bytes of process %u from %s: %llu bytes kept there for "
+          "the next start",
+          static_cast<unsigned long long>(written), static_cast<unsigned long long>(total), dead.pid(),
+          path.c_str(), static_cast<unsigned long long>(total - written));
+      writer.writeKeptNotice(written, total - written, dead.pid(), path.c_str());
+      ::close(fd);
+      break;
     }
     ZU_DBG_LOGI("OfflineLogger recovered %llu bytes of process %u from %s",
                 static_cast<unsigned long long>(total), dead.pid(), path.c_str());

@@ -190,6 +190,13 @@ class PoolFile {
   const std::string& path() const { return mPath; }
   // Unmaps every chunk and the header; removes the file when asked.
   void close(bool remove);
+  // Whether the file lost its name under the process (its directory cleared by hand).
+  bool unlinked() const;
+  // Gives the pool a file again after unlinked(): a new one at the same path receives
+  // everything the old one holds and takes its place in every mapping. Only while
+  // nothing writes into the pool (appends held off, the flush ours). False, with the
+  // reason in `why`, when it could not be done; the old file stays mapped then.
+  bool relink(std::string* why);
   // In a child after fork(): the mappings become private copies, so that the child's
   // lines never land in its parent's blocks, and the child lets go of the file.
   // Single-threaded, no locks: the child holds only the forking thread.
@@ -211,11 +218,15 @@ class RecoveryWriter {
   virtual ~RecoveryWriter() = default;
   // Appends `len` bytes to the current log file, calling `intent` with the file's
   // device path and its size before the write, just before writing. False when the
-  // bytes could not be written (they are then lost, as a failed flush loses a queue).
+  // bytes could not be written: they stay in the dead pool for a later start.
   virtual bool writeRecovered(const uint8_t* data, uint32_t len,
                               void (*intent)(void* ctx, const char* file, uint64_t offset), void* ctx) = 0;
-  // Formats and appends the line that announces a recovered stretch.
-  virtual void writeNotice(uint64_t bytes, uint32_t pid, const char* poolFile) = 0;
+  // Formats and appends the line that announces a recovered stretch; false when it
+  // could not be written.
+  virtual bool writeNotice(uint64_t bytes, uint32_t pid, const char* poolFile) = 0;
+  // Appends the line that says what of a dead pool could not be written and is kept
+  // in it for a later start.
+  virtual void writeKeptNotice(uint64_t written, uint64_t kept, uint32_t pid, const char* poolFile) = 0;
 };
 
 // Recovers every pool file of `typeName` in `dir` whose owner is gone, removes it,
