@@ -168,3 +168,37 @@ TEST(DeviceFiles, NullPaths) {
     EXPECT_EQ(errno, EINVAL) << c.first;
   }
 }
+
+// Files in the shared directories may have been planted: a link is not followed, a
+// FIFO does not hold the open, another user's file is neither truncated nor opened,
+// and the group's is opened only when the caller allows it.
+TEST(DeviceFiles, CheckedOpensLeavePlantedFilesAlone) {
+  if (zutest::ranInChild()) return;
+  mkdir("data", 0755);
+  put("data/victim", "keep\n");
+  ASSERT_EQ(symlink("victim", "data/link"), 0);
+  errno = 0;
+  EXPECT_EQ(devfs::openChecked("/data/link", O_WRONLY | O_TRUNC, 0, devfs::Owner::User), -1);
+  EXPECT_EQ(errno, ELOOP);
+  ASSERT_EQ(mkfifo("data/fifo", 0666), 0);
+  EXPECT_EQ(devfs::openChecked("/data/fifo", O_WRONLY, 0, devfs::Owner::UserOrGroup), -1);  // ENXIO
+  EXPECT_EQ(devfs::openChecked("/data/fifo", O_RDONLY, 0, devfs::Owner::UserOrGroup), -1);
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(devfs::openFileChecked("/data/link", "a", devfs::Owner::UserOrGroup), nullptr);
+  EXPECT_EQ(zutest::readFile("data/victim"), "keep\n");
+
+  const int fd = devfs::openChecked("/data/mine", O_WRONLY | O_CREAT | O_TRUNC, 0600, devfs::Owner::User);
+  EXPECT_GE(fd, 0);
+  close(fd);
+  // Another user's file, where this test may make one (as root).
+  if (geteuid() == 0 && chown("data/victim", 65534, 65534) == 0) {
+    EXPECT_EQ(devfs::openChecked("/data/victim", O_WRONLY | O_TRUNC, 0, devfs::Owner::UserOrGroup), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(zutest::readFile("data/victim"), "keep\n");
+    ASSERT_EQ(chown("data/victim", 65534, getegid()), 0);
+    const int group = devfs::openChecked("/data/victim", O_RDONLY, 0, devfs::Owner::UserOrGroup);
+    EXPECT_GE(group, 0) << "the group's file";
+    close(group);
+    EXPECT_EQ(devfs::openChecked("/data/victim", O_RDONLY, 0, devfs::Owner::User), -1);
+  }
+}

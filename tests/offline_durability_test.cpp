@@ -746,3 +746,38 @@ TEST(OfflineDurability, DirectoryRemovedThenKilled) {
   expectExactlyOnce(allLogText(root), counts, 0, 4);
   EXPECT_GE(countSubstr(readFile(root.logcatFile()), "was removed under the process: made again"), 1u);
 }
+
+// A link planted in place of the current log file (the directory is shared): what it
+// points to is neither written nor chmod'ed, and the lines go to a new file of ours.
+ZU_CHILD_TEST(OfflineDurability, PlantedLinkChild) {
+  ASSERT_EQ(facade()->startOfflineLogger(), 0);
+  logNumbered(0, 0);
+  facade()->flushLogToFileInterface(true);
+  std::string current;
+  for (const std::string& name : listDir(kDir))
+    if (name.rfind("ZuCam_Debug_2", 0) == 0) current = kDir + name;
+  ASSERT_FALSE(current.empty());
+  ASSERT_EQ(unlink(current.c_str()), 0);
+  ASSERT_EQ(symlink("../../../../victim", current.c_str()), 0);
+  logNumbered(0, 1);
+  facade()->flushLogToFileInterface(true);
+  facade()->stopOfflineLogger();
+}
+
+TEST(OfflineDurability, PlantedLinkIsLeftAlone) {
+  TempRoot root;
+  setMask(root);
+  root.writeFile("victim", "not a log\n");
+  chmod(root.path("victim").c_str(), 0600);
+  const ChildResult r = runChild("OfflineDurability.PlantedLinkChild", root);
+  EXPECT_EQ(r.exitCode(), 0) << r.output;
+  EXPECT_EQ(readFile(root.path("victim")), "not a log\n");
+  struct stat st;
+  ASSERT_EQ(stat(root.path("victim").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_EQ(countSubstr(allLogText(root), "stress.cpp:1 run() T0 1\n"), 1u) << "the line after the link";
+  EXPECT_GE(countSubstr(readFile(root.logcatFile()), "is not a file of this process's user or group"), 1u);
+  // A directory the library makes is the group's alone.
+  ASSERT_EQ(stat(root.path(kPoolDir).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 02770u);
+}

@@ -190,7 +190,7 @@ void SnapshotRecord::logPrint() const {
 
 void SnapshotRecord::dumpToFile(const std::string& text) const {
   const std::string path = todayDumpPath();
-  devfs::File f = devfs::openFile(path.c_str(), "a");
+  devfs::File f = devfs::openFileChecked(path.c_str(), "a", devfs::Owner::UserOrGroup);
   if (!f) {
     ZU_LOGI(kDiagTag, ZU_GROUP_HAL, "[SnapDiagnostician]open file:%s failed", path.c_str());
     return;
@@ -415,7 +415,7 @@ void writeSnapshotInfoToJsonFile(const std::shared_ptr<SnapshotRecord>& record) 
 
   // Opened for writing too: a file that could not be rewritten is not taken in.
   devfs::FileText file;
-  if (devfs::File in = devfs::openFile(kJsonPath, "r+"))
+  if (devfs::File in = devfs::openFileChecked(kJsonPath, "r+", devfs::Owner::UserOrGroup))
     file = devfs::readStream(in.get(), static_cast<size_t>(kMaxJsonFileBytes));
   else
     file.error = errno;
@@ -473,13 +473,15 @@ void writeSnapshotInfoToJsonFile(const std::shared_ptr<SnapshotRecord>& record) 
   rapidjson::Writer<rapidjson::StringBuffer> writer(out);
   if (!doc.Accept(writer)) ZU_LOGE(kDiagTag, ZU_GROUP_HAL, "JSON write error");
 
-  devfs::File outFile = devfs::openFile(kJsonPath, "w");
+  devfs::File outFile = devfs::openFileChecked(kJsonPath, "w", devfs::Owner::UserOrGroup);
   if (!outFile)
     ZU_LOGE(kDiagTag, ZU_GROUP_HAL, "JSON open error");
   else
     fwrite(out.GetString(), 1, out.GetSize(), outFile.get());
+  // On the descriptor opened above: never on whatever the name points to now.
+  const bool changed = outFile && fchmod(fileno(outFile.get()), 0666) == 0;
   outFile.reset();
-  if (devfs::chmodFile(kJsonPath, 0666))
+  if (changed)
     ZU_LOGI(kDiagTag, ZU_GROUP_HAL, "File permissions changed successfully.");
   else
     ZU_LOGI(kDiagTag, ZU_GROUP_HAL, "Failed to change file permissions.");
@@ -978,7 +980,7 @@ uint64_t ModuleDiagnostician::caculateMem(MemCallbackList& list) {
 }
 
 void ModuleDiagnostician::writePraxMemInfoToFile() {
-  devfs::File fp = devfs::openFile(kMemInfoPath, "w");
+  devfs::File fp = devfs::openFileChecked(kMemInfoPath, "w", devfs::Owner::UserOrGroup);
   if (!fp) {
     ZU_LOGE("Prax-Diagnostician", ZU_GROUP_HAL, "open praxmeminfo.txt failed!");
     return;

@@ -122,7 +122,10 @@ bool writeAll(int fd, const uint8_t* data, size_t len) {
 }
 
 // Creates a device directory and its parents; shared with every camera process.
-void makeDeviceDirs(const std::string& deviceDir) { devfs::makeDirs(deviceDir.c_str(), 0777); }
+// The offline and queue directories: every camera process of the group writes there,
+// nobody else (the set-group-id bit keeps new files in the group).
+constexpr mode_t kDirMode = 02770;
+void makeDeviceDirs(const std::string& deviceDir) { devfs::makeDirs(deviceDir.c_str(), kDirMode); }
 
 // The time a log file's name stands for, in microseconds of the epoch, for
 // "ZuCam_<type>_YYYY-MM-DD--hh-mm-ss-<microseconds>.<ext>"; other names (the
@@ -813,11 +816,24 @@ void ZuDegbugOfflineLogger::writeCrashRecordsLocked() {
 bool ZuDegbugOfflineLogger::writeBytesLocked(const uint8_t* data, uint32_t len,
                                              void (*intent)(void*, const char*, uint64_t), void* ctx) {
   if (!mState->mFileOpen) openNewFileLocked();
-  int fd = devfs::openFd(mState->mCurrentFileName.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+  const auto open = [this] {
+    return devfs::openChecked(mState->mCurrentFileName.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666,
+                              devfs::Owner::UserOrGroup);
+  };
+  int fd = open();
   if (fd < 0 && errno == ENOENT) {
     // The directory went (cleared by hand, say): made again.
     makeDeviceDirs(kLogDir);
-    fd = devfs::openFd(mState->mCurrentFileName.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+    fd = open();
+  }
+  if (fd < 0 && (errno == ELOOP || errno == EPERM)) {
+    // Something else took the file's name (a link, another user's file): left alone.
+    ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile",
+                      "OfflineLogger %s is not a file of this process's user or group: left alone, a new "
+                      "file started",
+                      mState->mCurrentFileName.c_str());
+    openNewFileLocked();
+    fd = open();
   }
   bool ok = fd >= 0;
   int err = errno;
@@ -1003,7 +1019,8 @@ int ZuDegbugOfflineLogger::start() {
   if (mib < kMinFreeMiB) {
     char name[PLATFORM_PATH_MAX];
     snprintf(name, sizeof(name), "%s/ZuCam_%s_ErrorMsg.txt", kLogDir, mState->mTypeName.c_str());
-    if (devfs::File f = devfs::openFile(name, "a+")) fputs(kNoSpaceText, f.get());
+    if (devfs::File f = devfs::openFileChecked(name, "a+", devfs::Owner::UserOrGroup))
+      fputs(kNoSpaceText, f.get());
     ZU_DBG_LOGE("OfflineLogger detect file system has no space left!");
     ZU_DBG_LOGE("OfflineLogger get override setting failed");
     return -1;

@@ -1,6 +1,7 @@
 #include "ZuDebugUtils.h"
 
 #include <camlog/camlog.h>
+#include <zudebug_platform/device_files.h>
 #include <cutils/properties.h>
 #include <pthread.h>
 #include <stdio.h>
@@ -350,15 +351,16 @@ void ZuDebugInterface::appendErrorInfo(const char* text) {
   if (gZuCamLogGroup == 0) return;
   std::lock_guard<std::mutex> lock(sErrorInfoMutex);
   // The path is relative on purpose: it follows the process's working directory.
-  struct stat st;
   FILE* file = nullptr;
-  if (stat(kErrorInfoPath, &st) != 0) {
-    file = fopen(kErrorInfoPath, "ab+");
-    if (chmod(kErrorInfoPath, 0666) != 0) ZU_DBG_LOGE("Failed to change permissions");
-  } else {
-    // Past 512 KiB the file starts over.
-    file = fopen(kErrorInfoPath, st.st_size > kErrorInfoLimit ? "wb+" : "ab+");
-  }
+  struct stat st;
+  const bool past = stat(kErrorInfoPath, &st) == 0 && st.st_size > kErrorInfoLimit;
+  // Past 512 KiB the file starts over.
+  devfs::File opened =
+      devfs::openFileChecked(kErrorInfoPath, past ? "wb+" : "ab+", devfs::Owner::UserOrGroup);
+  if (opened && fstat(fileno(opened.get()), &st) == 0 && st.st_uid == geteuid() &&
+      (st.st_mode & 0777) != 0666 && fchmod(fileno(opened.get()), 0666) != 0)
+    ZU_DBG_LOGE("Failed to change permissions");
+  file = opened.release();
   if (file == nullptr) return;
   fputs(orEmpty(text), file);
   fputc('\n', file);

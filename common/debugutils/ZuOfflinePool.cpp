@@ -123,12 +123,12 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
   // process ever sees the pool unlocked.
   const std::string finalPath = name;
   const std::string tmpPath = finalPath + ".tmp";
-  int fd = devfs::openFd(tmpPath.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+  int fd = devfs::openFd(tmpPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
   if (fd < 0) {
     *why = errnoText("create", errno);
     return false;
   }
-  fchmod(fd, 0666);
+  fchmod(fd, 0600);
   auto fail = [&](const std::string& reason) {
     *why = reason;
     ::close(fd);
@@ -251,15 +251,15 @@ bool PoolFile::unlinked() const {
 
 bool PoolFile::relink(std::string* why) {
   const size_t slash = mPath.rfind('/');
-  if (slash != std::string::npos) devfs::makeDirs(mPath.substr(0, slash).c_str(), 0777);
+  if (slash != std::string::npos) devfs::makeDirs(mPath.substr(0, slash).c_str(), 02770);
   const std::string tmpPath = mPath + ".tmp";
   devfs::removeFile(tmpPath.c_str());
-  const int fd = devfs::openFd(tmpPath.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+  const int fd = devfs::openFd(tmpPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
   if (fd < 0) {
     *why = errnoText("create", errno);
     return false;
   }
-  fchmod(fd, 0666);
+  fchmod(fd, 0600);
   auto fail = [&](const std::string& reason) {
     *why = reason;
     ::close(fd);
@@ -368,12 +368,20 @@ class DeadPool {
         used <= limit) {
       struct stat st;
       bool done = true;  // a target that is gone took the bytes with it
-      if (devfs::statFile(in.file, &st)) {
+      // Only a log file of this user or group is cut back: never through a link.
+      const int target = devfs::openChecked(in.file, O_WRONLY, 0, devfs::Owner::UserOrGroup);
+      if (target < 0 && errno != ENOENT) {
+        // The bytes are written again, into a file of ours.
+        ZU_DBG_LOGE("OfflineLogger pending write names %s, not a log file of ours: left alone", in.file);
+        done = false;
+      }
+      if (target >= 0 && fstat(target, &st) == 0) {
         const uint64_t size = static_cast<uint64_t>(st.st_size);
         done = size >= in.fileOffset + (in.to - in.from);
-        if (!done && size > in.fileOffset && !devfs::truncateFile(in.file, static_cast<off_t>(in.fileOffset)))
+        if (!done && size > in.fileOffset && ftruncate(target, static_cast<off_t>(in.fileOffset)) != 0)
           ZU_DBG_LOGE("OfflineLogger cannot cut the torn tail off %s: %s", in.file, strerror(errno));
       }
+      if (target >= 0) ::close(target);
       if (done) {
         writeAt(mFd, &in.to, sizeof(in.to), flushedAt);
         if ((in.block & kCrashIntentBit) != 0) mHeader.crash[in.block & ~kCrashIntentBit].flushed = in.to;
@@ -517,7 +525,7 @@ class DeadPool {
 void removeAbandonedTmp(const std::string& path) {
   struct stat st;
   if (!devfs::statFile(path.c_str(), &st) || time(nullptr) - st.st_mtime <= 60) return;
-  int fd = devfs::openFd(path.c_str(), O_RDWR);
+  int fd = devfs::openChecked(path.c_str(), O_RDWR, 0, devfs::Owner::User);
   if (fd < 0) return;
   if (lockWhole(fd)) devfs::removeFile(path.c_str());
   ::close(fd);
@@ -539,8 +547,13 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
   int recovered = 0;
   for (const std::string& name : names) {
     const std::string path = dir + "/" + name;
-    const int fd = devfs::openFd(path.c_str(), O_RDWR);
-    if (fd < 0) continue;  // removed by another recoverer meanwhile
+    const int fd = devfs::openChecked(path.c_str(), O_RDWR, 0, devfs::Owner::User);
+    if (fd < 0) {
+      // Removed by another recoverer meanwhile, or not a queue file of this user's.
+      if (errno != ENOENT)
+        ZU_DBG_LOGE("OfflineLogger %s is not a queue file of this process's user: left alone", path.c_str());
+      continue;
+    }
     struct stat st;
     // Held by its owner, or by another process recovering it right now.
     if (!lockWhole(fd) || fstat(fd, &st) != 0 || st.st_nlink == 0) {

@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -53,6 +54,54 @@ int openFd(const char* path, int flags, mode_t mode) {
   Mapped p(path);
   if (p.get() == nullptr) return -1;
   return ::open(p.get(), flags | O_CLOEXEC, mode);
+}
+
+int openChecked(const char* path, int flags, mode_t mode, Owner owner) {
+  Mapped p(path);
+  if (p.get() == nullptr) return -1;
+  const bool truncate = (flags & O_TRUNC) != 0;
+  // Non-blocking so that a planted FIFO does not hold the open.
+  const int fd = ::open(p.get(), (flags & ~O_TRUNC) | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
+  if (fd < 0) return -1;
+  struct stat st;
+  const bool ours = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+                    (st.st_uid == geteuid() || (owner == Owner::UserOrGroup && st.st_gid == getegid()));
+  if (!ours || (truncate && ftruncate(fd, 0) != 0) ||
+      ((flags & O_NONBLOCK) == 0 && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)) {
+    const int err = ours ? errno : EPERM;
+    ::close(fd);
+    errno = err;
+    return -1;
+  }
+  return fd;
+}
+
+File openFileChecked(const char* path, const char* mode, Owner owner) {
+  if (mode == nullptr) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  const bool plus = strchr(mode, '+') != nullptr;
+  int flags;
+  switch (mode[0]) {
+    case 'r':
+      flags = plus ? O_RDWR : O_RDONLY;
+      break;
+    case 'w':
+      flags = (plus ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+      break;
+    case 'a':
+      flags = (plus ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
+      break;
+    default:
+      errno = EINVAL;
+      return nullptr;
+  }
+  const int fd = openChecked(path, flags, 0666, owner);
+  if (fd < 0) return nullptr;
+  FILE* f = fdopen(fd, mode);
+  if (f == nullptr) ::close(fd);
+  return File(f);
 }
 
 FileText readStream(FILE* f, size_t limit) {

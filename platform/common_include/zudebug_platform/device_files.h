@@ -77,6 +77,18 @@ bool listDir(const char* path, std::vector<std::string>* names);
 // umask does not apply). True when the directory exists afterwards.
 bool makeDirs(const char* path, mode_t mode);
 
+// Whose files the library may write into: its own user's, or also its group's (the
+// shared log files every camera process of the group appends to).
+enum class Owner { User, UserOrGroup };
+
+// open(2) of a device file that another process of the device may have planted: a
+// symbolic link is not followed, and anything but a regular file of `owner` is
+// refused (-1 with errno ELOOP for a link, EPERM otherwise) before anything is done
+// to it; O_TRUNC is applied only after that check. Close-on-exec, allocates nothing.
+int openChecked(const char* path, int flags, mode_t mode, Owner owner);
+// The same as a stream: `mode` is one of fopen's ("r", "w", "a", with "+" and "b").
+File openFileChecked(const char* path, const char* mode, Owner owner);
+
 // unlink(2), rename(2), chmod(2) and truncate(2) of device files.
 bool removeFile(const char* path);
 bool renameFile(const char* from, const char* to);
