@@ -781,3 +781,54 @@ TEST(OfflineDurability, PlantedLinkIsLeftAlone) {
   ASSERT_EQ(stat(root.path(kPoolDir).c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 02770u);
 }
+
+// A camera process that crashed, then restarted by init twelve times, each start
+// logging a line into a file of its own (more files than the cap): the crash record
+// is not rotated away.
+TEST(OfflineDurability, CrashRecordOutlivesRestarts) {
+  TempRoot root;
+  setMask(root);
+  std::map<std::string, std::string> vars = writerEnv(root, "crash");
+  vars["ASAN_OPTIONS"] = "handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:handle_abort=0";
+  vars["TSAN_OPTIONS"] = vars["ASAN_OPTIONS"] + ":report_signal_unsafe=0";
+  vars["LINES"] = "20000";  // more than one file
+  const ChildResult r = waitChild(spawnChild("OfflineDurability.WriterChild", root, vars), root);
+  ASSERT_EQ(r.termSignal(), SIGSEGV) << r.output;
+  for (int i = 0; i < 12; ++i) {
+    const ChildResult again = runChild("OfflineDurability.LinesChild", root, {{"LINES", "1"}});
+    ASSERT_EQ(again.exitCode(), 0) << again.output;
+  }
+  EXPECT_EQ(countSubstr(allLogText(root), " F DEBUG   : pid: "), 1u) << "the crash record";
+  size_t debug = 0;
+  for (const std::string& name : listDir(root.offlineDir())) debug += name.find("Debug") != std::string::npos;
+  EXPECT_EQ(debug, 10u);
+}
+
+// Files go in the order they were opened, whatever the clock says: a process whose
+// clock is two hours behind names its file before the files of an earlier one, and
+// rotation still takes the earliest opened first. The clock going back is said once.
+TEST(OfflineDurability, RotationByOpeningOrderWhenTheClockGoesBack) {
+  if (!emulator().empty()) GTEST_SKIP() << "the clock shim is preloaded into a native child only";
+  TempRoot root;
+  setMask(root);
+  const std::map<std::string, std::string> shim = {{"LD_PRELOAD", CLOCK_SHIM},
+                                                   {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+  std::string first;
+  for (int i = 0; i < 11; ++i) {
+    std::map<std::string, std::string> vars = shim;
+    vars["ZUDEBUG_CLOCK_SHIFT_S"] = i == 0 ? "0" : "-7200";
+    vars["LINES"] = "1";
+    const ChildResult r = runChild("OfflineDurability.LinesChild", root, vars);
+    ASSERT_EQ(r.exitCode(), 0) << r.output;
+    if (i == 0) {
+      ASSERT_EQ(debugFiles(root).size(), 1u);
+      first = debugFiles(root)[0];
+    }
+  }
+  // Eleven files opened, ten kept: the first one opened went, though its name is the
+  // latest (the error-information file, older still, went before it).
+  const std::vector<std::string> files = debugFiles(root);
+  EXPECT_EQ(files.size(), 10u);
+  EXPECT_EQ(std::count(files.begin(), files.end(), first), 0) << first;
+  EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "the clock went back"), 1u);
+}

@@ -257,7 +257,7 @@ TEST(OfflineLogger, ScanAndRotation) {
   expected.insert(others.begin(), others.end());
   std::set<std::string> remaining;
   for (const std::string& name : listDir(root.offlineDir()))
-    if (name != ".pool") remaining.insert(name);
+    if (name != ".pool" && name != ".ZuCam_open_order") remaining.insert(name);  // the directory's own
   EXPECT_EQ(remaining, expected);
 }
 

@@ -1,5 +1,6 @@
 #include "ZuCrashRecord.h"
 
+#include "ZuLogFileOrder.h"
 #include "ZuLogLine.h"
 
 #include <errno.h>
@@ -197,6 +198,10 @@ bool writeStraight(const char* typeName, const uint8_t* data, uint32_t len) {
     done += static_cast<uint32_t>(n);
   }
   close(fd);
+  // Listed among the log files as one opened now that holds a crash record.
+  const char* base = strrchr(name, '/') + 1;
+  logorder::noteIn(sStraightDir, base, false);
+  logorder::noteIn(sStraightDir, base, true);
   return ok;
 }
 

@@ -19,6 +19,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
+#include <tuple>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -32,6 +34,7 @@
 #include "ZuLogLine.h"
 #include "ZuOfflineLoggerState.h"
 #include "ZuOfflinePool.h"
+#include "ZuLogFileOrder.h"
 
 namespace zudebug {
 
@@ -721,15 +724,32 @@ void ZuDegbugOfflineLogger::recycleLocked(int registerId, PerLogThreadInfo& reco
   mState->mFreeRegisterId.push_back(registerId);
 }
 
-// Under the file mutex: keep at most mState->mFileLimit files, deleting the oldest.
+// Under the file mutex: keep at most mState->mFileLimit files. The oldest go first,
+// but one with a crash record or a recovery notice only when every older file has gone
+// and it is still one too many; the current file never.
 void ZuDegbugOfflineLogger::rotateLocked() {
-  while (mState->mFileList.size() > mState->mFileLimit) {
-    const std::string& oldest = mState->mFileList.front();
+  std::deque<std::string>& files = mState->mFileList;
+  while (files.size() > mState->mFileLimit) {
+    auto victim = files.end();
+    for (auto it = files.begin(); it != files.end() && victim == files.end(); ++it)
+      if (*it != mState->mCurrentFileName && mState->mEvidence.count(*it) == 0) victim = it;
+    for (auto it = files.begin(); it != files.end() && victim == files.end(); ++it)
+      if (*it != mState->mCurrentFileName) victim = it;
+    if (victim == files.end()) break;
     // Another camera process may have rotated it away already.
-    if (!devfs::removeFile(oldest.c_str()) && errno != ENOENT)
-      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "flushLogToFile", "remove OfflineLog failed: %s", oldest.c_str());
-    mState->mFileList.pop_front();
+    if (!devfs::removeFile(victim->c_str()) && errno != ENOENT)
+      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "rotateLocked", "remove OfflineLog failed: %s", victim->c_str());
+    mState->mEvidence.erase(*victim);
+    files.erase(victim);
   }
+}
+
+// Under the file mutex: the current file holds a crash record or a recovery notice.
+void ZuDegbugOfflineLogger::noteEvidenceLocked() {
+  const std::string& current = mState->mCurrentFileName;
+  if (current.empty() || !mState->mEvidence.insert(current).second) return;
+  const size_t slash = current.rfind('/');
+  logorder::note(kLogDir, current.c_str() + (slash == std::string::npos ? 0 : slash + 1), true);
 }
 
 namespace {
@@ -803,7 +823,10 @@ void ZuDegbugOfflineLogger::writeCrashRecordsLocked() {
       MappedIntent intent{header, pool::kCrashIntentBit | slot, from, used};
       const bool written = writeBytesLocked(area.data(slot) + from, used - from,
                                             header != nullptr ? &MappedIntent::record : nullptr, &intent);
-      if (written) pool::storeRelease(&s.flushed, used);
+      if (written) {
+        pool::storeRelease(&s.flushed, used);
+        noteEvidenceLocked();
+      }
       if (header != nullptr) pool::storeRelease(&header->intent.state, 0);
     }
     area.release(slot);
@@ -876,40 +899,65 @@ bool ZuDegbugOfflineLogger::writeBytesLocked(const uint8_t* data, uint32_t len,
 
 // Under the file mutex: names the next file and makes room for it. Other camera
 // processes write into the same directory, so the ten-file cap is kept over what is
-// there now, oldest first.
+// there now, in the order the files were opened.
 void ZuDegbugOfflineLogger::openNewFileLocked() {
   std::string name = getPrefixFilename();
   name += mState->mZuOfflineLoggerType == ZuOfflineLoggerType::Binary ? ".bin" : ".txt";
   mState->mCurrentFileName = name;
+  const std::string base = name.substr(name.rfind('/') + 1);
+  logorder::note(kLogDir, base.c_str(), false);
   mState->mFileList = listLogFiles(false);
   if (std::find(mState->mFileList.begin(), mState->mFileList.end(), name) == mState->mFileList.end())
     mState->mFileList.push_back(name);
+  // A name that stands for a time before the file opened last: the clock went back.
+  if (!mState->mClockBackSaid && mState->mFileList.size() >= 2) {
+    const std::string& before = mState->mFileList[mState->mFileList.size() - 2];
+    const std::string beforeBase = before.substr(before.rfind('/') + 1);
+    if (beforeBase.rfind("ZuCam_" + mState->mTypeName + "_2", 0) == 0 &&
+        nameTime(kLogDir, base, mState->mTypeName) < nameTime(kLogDir, beforeBase, mState->mTypeName)) {
+      mState->mClockBackSaid = true;
+      ZU_DBG_LOGE(
+          "OfflineLogger the clock went back: %s opened after %s; files are kept in the order they "
+          "were opened",
+          base.c_str(), beforeBase.c_str());
+    }
+  }
   mState->mFileOpen = 1;
   rotateLocked();
 }
 
-// This type's files in the directory, oldest first by the time their names stand for.
+// This type's files in the directory, oldest first: the ones the order file lists in
+// the order they were opened, after those it does not (older, or another program's),
+// which go by the time their names stand for.
 std::deque<std::string> ZuDegbugOfflineLogger::listLogFiles(bool logEach) {
-  std::vector<std::pair<int64_t, std::string>> found;
   std::vector<std::string> names;
   devfs::listDir(kLogDir, &names);
+  std::map<std::string, bool> candidates;
   for (const std::string& name : names) {
-    if (name.find(mState->mTypeName) == std::string::npos) continue;
+    if (name.find(mState->mTypeName) == std::string::npos || name[0] == '.') continue;
     // Queue files are never log files, even where the pool directory is this one.
     if (name.find(".pool") != std::string::npos) continue;
-    found.emplace_back(nameTime(kLogDir, name, mState->mTypeName), name);
+    candidates[name] = true;
+  }
+  const std::map<std::string, logorder::Entry> order = logorder::read(kLogDir, candidates);
+  std::vector<std::tuple<bool, int64_t, std::string>> found;
+  mState->mEvidence.clear();
+  for (const auto& c : candidates) {
+    const auto listed = order.find(c.first);
+    char full[4096];
+    snprintf(full, sizeof(full), "%s/%s", kLogDir, c.first.c_str());
+    if (listed != order.end() && listed->second.evidence) mState->mEvidence.insert(full);
+    if (listed != order.end())
+      found.emplace_back(true, static_cast<int64_t>(listed->second.place), full);
+    else
+      found.emplace_back(false, nameTime(kLogDir, c.first, mState->mTypeName), full);
   }
   std::sort(found.begin(), found.end());
   std::deque<std::string> list;
   for (const auto& f : found) {
-    char full[4096];
-    snprintf(full, sizeof(full), "%s/%s", kLogDir, f.second.c_str());
-    if (std::find(list.begin(), list.end(), full) != list.end()) {
-      if (logEach) ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "start", "zu-debug OfflineLogger has same file");
-      continue;
-    }
-    if (logEach) ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "start", "List local debug file: %s", full);
-    list.push_back(full);
+    if (logEach)
+      ZU_OFFLINE_LOG_AS(ANDROID_LOG_INFO, "start", "List local debug file: %s", std::get<2>(f).c_str());
+    list.push_back(std::get<2>(f));
   }
   return list;
 }
@@ -981,8 +1029,10 @@ class LoggerRecoveryWriter : public pool::RecoveryWriter {
     const size_t n = formatDiagnosticLine(line, sizeof(line), "I", zuBaseName(__FILE__), "start", __LINE__,
                                           "OfflineLogger recovered %llu bytes of process %u from %s",
                                           static_cast<unsigned long long>(bytes), pid, poolFile);
-    return mLogger.writeBytesLocked(reinterpret_cast<const uint8_t*>(line), static_cast<uint32_t>(n), nullptr,
-                                    nullptr);
+    const bool written = mLogger.writeBytesLocked(reinterpret_cast<const uint8_t*>(line),
+                                                  static_cast<uint32_t>(n), nullptr, nullptr);
+    if (written) mLogger.noteEvidenceLocked();
+    return written;
   }
   void writeKeptNotice(uint64_t written, uint64_t kept, uint32_t pid, const char* poolFile) override {
     char line[1024];

@@ -161,6 +161,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   void openPoolFile();
   void closePool(bool removeFile = true);
   void relinkQueueFileIfGone();
+  void noteEvidenceLocked();
   void resetRecords(bool clearBlocks);
   void recoverDeadProcesses();
   std::string poolDirectory() const;

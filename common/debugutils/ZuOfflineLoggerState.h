@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <set>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -175,6 +176,8 @@ struct ZuDegbugOfflineLogger::State {
   int32_t mFileOpen = 0;
   uint32_t mCurrentFileSize = 0;
   std::deque<std::string> mFileList;
+  std::set<std::string> mEvidence;  // files of mFileList with a crash record or a recovery notice
+  bool mClockBackSaid = false;
   bool mWriteFailing = false;  // the last write failed; said once until one succeeds
   // When a write last failed: handed-over queues wait for the next try a while.
   std::chrono::steady_clock::time_point mLastWriteFailure{};
