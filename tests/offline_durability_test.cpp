@@ -585,8 +585,18 @@ TEST(OfflineDurability, DroppedLinesAreCounted) {
   const ChildResult r = runChild("OfflineDurability.DroppedLinesChild", root);
   EXPECT_EQ(r.exitCode(), 0) << r.output;
   const std::string text = allLogText(root);
-  const size_t notice = text.find("OfflineLogger dropped 10 lines: no queue memory could be had\n");
+  const size_t notice = text.find("OfflineLogger dropped 10 lines of threads ");
   ASSERT_NE(notice, std::string::npos);
+  // Whose (the one thread that logged them) and why.
+  int tid = 0;
+  char from[16], to[16];
+  ASSERT_EQ(sscanf(text.c_str() + notice,
+                   "OfflineLogger dropped 10 lines of threads %d between %15s and %15s", &tid, from, to),
+            3)
+      << text.substr(notice, 200);
+  EXPECT_GT(tid, 0);
+  EXPECT_LE(std::string(from), std::string(to));
+  EXPECT_EQ(text.compare(text.find('\n', notice) - 28, 29, "no queue memory could be had\n"), 0);
   const size_t next = text.find('\n', notice) + 1;
   EXPECT_NE(text.substr(next, text.find('\n', next) - next).find("run() T0 10"), std::string::npos)
       << "the count comes right before the next line";

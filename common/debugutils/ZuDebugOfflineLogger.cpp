@@ -466,7 +466,7 @@ uint8_t* ZuDegbugOfflineLogger::openAppend(ThreadRecord& thread, unsigned int ro
     if (local.queueAddress != nullptr) return local.queueAddress + local.offset;
     ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "addLog", "memoryAddressToWrite is %p inputlog address is %p!",
                       static_cast<void*>(local.queueAddress), source);
-    mState->mDroppedLines.fetch_add(1, std::memory_order_relaxed);
+    noteDroppedLine(thread.tid != 0 ? thread.tid : zuCurrentTid());
   }
   leaveAppend(thread, local);
   return nullptr;
@@ -545,6 +545,38 @@ ZuDegbugOfflineLogger::QueueStep ZuDegbugOfflineLogger::chooseQueueStep(threadLo
   return QueueStep::Keep;
 }
 
+// A line given up: counted with its thread and time for the notice.
+void ZuDegbugOfflineLogger::noteDroppedLine(uint32_t tid) {
+  auto& d = mState->mDrops;
+  std::lock_guard<std::mutex> lock(d.lock);
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  if (d.count == 0) d.first = now;
+  d.last = now;
+  ++d.count;
+  bool known = false;
+  for (size_t i = 0; i < d.tidCount; ++i) known = known || d.tids[i] == tid;
+  if (!known && d.tidCount < d.kTids)
+    d.tids[d.tidCount++] = tid;
+  else if (!known)
+    d.moreTids = true;
+  mState->mDroppedLines.fetch_add(1, std::memory_order_relaxed);
+}
+
+namespace {
+
+// "hh:mm:ss.uuuuuu" of a wall-clock time, local.
+void clockText(const struct timespec& t, char* out, size_t size) {
+  struct tm tm;
+  if (localtime_r(&t.tv_sec, &tm) == nullptr) {
+    snprintf(out, size, "?");
+    return;
+  }
+  snprintf(out, size, "%02d:%02d:%02d.%06ld", tm.tm_hour, tm.tm_min, tm.tm_sec, t.tv_nsec / 1000);
+}
+
+}  // namespace
+
 // Hands the full queue over (when asked) and takes a fresh one, both or neither. Lines
 // lost while no block could be had are told in the first block there is.
 void ZuDegbugOfflineLogger::takeFreshQueue(threadLocalInfo& local, bool handOver) {
@@ -557,12 +589,30 @@ void ZuDegbugOfflineLogger::takeFreshQueue(threadLocalInfo& local, bool handOver
   local.sThreadLocalQueuePoolId = id;
   local.offset = 0;
   if (queue == nullptr) return;
-  const uint32_t dropped = mState->mDroppedLines.exchange(0, std::memory_order_relaxed);
-  if (dropped > 0) {
-    char notice[256];
-    const size_t n =
-        formatDiagnosticLine(notice, sizeof(notice), "E", zuBaseName(__FILE__), "addLog", __LINE__,
-                             "OfflineLogger dropped %u lines: no queue memory could be had", dropped);
+  if (mState->mDroppedLines.load(std::memory_order_relaxed) > 0) {
+    auto& d = mState->mDrops;
+    char tids[128] = "", from[32], to[32];
+    uint32_t dropped;
+    {
+      std::lock_guard<std::mutex> lock(d.lock);
+      dropped = d.count;
+      size_t at = 0;
+      for (size_t i = 0; i < d.tidCount && at < sizeof(tids); ++i)
+        at +=
+            static_cast<size_t>(snprintf(tids + at, sizeof(tids) - at, "%s%u", i > 0 ? "," : "", d.tids[i]));
+      if (d.moreTids && at < sizeof(tids)) snprintf(tids + at, sizeof(tids) - at, ",...");
+      clockText(d.first, from, sizeof(from));
+      clockText(d.last, to, sizeof(to));
+      d.count = 0;
+      d.tidCount = 0;
+      d.moreTids = false;
+      mState->mDroppedLines.store(0, std::memory_order_relaxed);
+    }
+    char notice[512];
+    const size_t n = formatDiagnosticLine(
+        notice, sizeof(notice), "E", zuBaseName(__FILE__), "addLog", __LINE__,
+        "OfflineLogger dropped %u lines of threads %s between %s and %s: no queue memory could be had",
+        dropped, tids, from, to);
     memcpy(local.queueAddress, notice, n);
     publish(local, static_cast<unsigned int>(n));
   }

@@ -162,6 +162,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   void closePool(bool removeFile = true);
   void relinkQueueFileIfGone();
   void noteEvidenceLocked();
+  void noteDroppedLine(uint32_t tid);
   void resetRecords(bool clearBlocks);
   void recoverDeadProcesses();
   std::string poolDirectory() const;

@@ -151,6 +151,18 @@ struct ZuDegbugOfflineLogger::State {
   std::atomic<uint32_t> mNeedFlushThreadCount{0};
   // Lines dropped because no block could be had; reported in the next block taken.
   std::atomic<uint32_t> mDroppedLines{0};
+  // What the lines given up since the last notice were: whose, when, why. Taken only
+  // when a line is given up.
+  struct Drops {
+    std::mutex lock;
+    uint32_t count = 0;
+    struct timespec first {
+    }, last{};
+    static constexpr size_t kTids = 8;
+    uint32_t tids[kTids] = {};
+    size_t tidCount = 0;
+    bool moreTids = false;
+  } mDrops;
   // Durable memory: the pool file (or anonymous chunks), each block's counters and
   // its index in the pool file (-1 when it is not in the file).
   std::unique_ptr<pool::PoolFile> mPoolFile;
