@@ -842,3 +842,30 @@ TEST(OfflineDurability, RotationByOpeningOrderWhenTheClockGoesBack) {
   EXPECT_EQ(std::count(files.begin(), files.end(), first), 0) << first;
   EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "the clock went back"), 1u);
 }
+
+// A queue file planted as 1 GiB, sparse, whose table claims 64 chunks and a full
+// block at its far end that was never written: the start reads the table, skips the
+// hole and recovers only what the dead process really wrote.
+TEST(OfflineDurability, PlantedSparseQueueFile) {
+  TempRoot root;
+  PoolImage image = killedWriterPool(root);
+  ASSERT_FALSE(image.path.empty());
+  image.header()->chunkCount = 64;
+  image.save();
+  const uint64_t far = pool::kHeaderBytes + 63 * pool::kChunkBytes;
+  ASSERT_EQ(truncate(image.path.c_str(), static_cast<off_t>(far + pool::kChunkBytes)), 0);
+  pool::BlockDesc desc{};
+  desc.state = pool::kBlockWaiting;
+  desc.used = pool::kBlockSize;
+  desc.seq = 1000000;
+  const int fd = open(image.path.c_str(), O_WRONLY);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(pwrite(fd, &desc, sizeof(desc), static_cast<off_t>(far)), static_cast<ssize_t>(sizeof(desc)));
+  close(fd);
+  restart(root);
+  const std::string text = allLogText(root);
+  EXPECT_EQ(text.find('\0'), std::string::npos) << "no bytes of the hole";
+  expectExactlyOnce(text, readCounts(root.path("counts.bin")), 0, 4);
+  EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "1 blocks whose bytes were never written skipped"), 1u);
+  EXPECT_EQ(poolFiles(root).size(), 0u);
+}

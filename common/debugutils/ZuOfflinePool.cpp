@@ -428,7 +428,7 @@ class DeadPool {
   // Blocks holding unflushed bytes, in the order they were taken.
   std::vector<FoundBlock> blocksToRecover() {
     std::vector<FoundBlock> out;
-    uint32_t untrusted = 0;
+    uint32_t untrusted = 0, holes = 0;
     BlockDesc descs[kBlocksPerChunk];
     for (uint32_t c = 0; c < mChunks; ++c) {
       if (!readAt(mFd, descs, sizeof(descs), mHeaderBytes + c * kChunkBytes)) {
@@ -441,12 +441,24 @@ class DeadPool {
           ++untrusted;
           continue;
         }
-        if (d.state != kBlockFree && d.used > d.flushed) out.push_back({c * kBlocksPerChunk + i, d});
+        if (d.state == kBlockFree || d.used <= d.flushed) continue;
+        // Bytes its owner wrote are never a hole: a block whose bytes are (a planted
+        // sparse file) holds nothing to recover.
+        const uint64_t from = blockOffset(mHeaderBytes, c * kBlocksPerChunk + i) + d.flushed;
+        const off_t data = lseek(mFd, static_cast<off_t>(from), SEEK_DATA);
+        if (data < 0 || static_cast<uint64_t>(data) != from) {
+          ++holes;
+          continue;
+        }
+        out.push_back({c * kBlocksPerChunk + i, d});
       }
     }
     if (untrusted > 0)
       ZU_DBG_LOGE("OfflineLogger pool file %s: %u blocks with impossible counters skipped", mPath.c_str(),
                   untrusted);
+    if (holes > 0)
+      ZU_DBG_LOGE("OfflineLogger pool file %s: %u blocks whose bytes were never written skipped",
+                  mPath.c_str(), holes);
     std::stable_sort(out.begin(), out.end(),
                      [](const FoundBlock& a, const FoundBlock& b) { return a.desc.seq < b.desc.seq; });
     return out;
