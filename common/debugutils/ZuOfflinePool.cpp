@@ -72,6 +72,28 @@ bool hasSuffix(const std::string& s, const char* suffix) {
   return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
 }
 
+// A new pool file under `tmpPath` (a name recovery does not look at), this user's
+// alone, locked and with `bytes` reserved; -1 with the reason in `why`, nothing left
+// behind.
+int createLockedTmp(const std::string& tmpPath, uint64_t bytes, std::string* why) {
+  const int fd = devfs::openFd(tmpPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+  if (fd < 0) {
+    *why = errnoText("create", errno);
+    return -1;
+  }
+  fchmod(fd, 0600);
+  std::string reason;
+  if (!lockWhole(fd))
+    reason = errnoText("lock", errno);
+  else if (int err = posix_fallocate(fd, 0, static_cast<off_t>(bytes)))
+    reason = errnoText("reserve", err);
+  if (reason.empty()) return fd;
+  *why = reason;
+  ::close(fd);
+  devfs::removeFile(tmpPath.c_str());
+  return -1;
+}
+
 }  // namespace
 
 // ---- crash slots ----
@@ -123,23 +145,16 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
   // process ever sees the pool unlocked.
   const std::string finalPath = name;
   const std::string tmpPath = finalPath + ".tmp";
-  int fd = devfs::openFd(tmpPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-  if (fd < 0) {
-    *why = errnoText("create", errno);
-    return false;
-  }
-  fchmod(fd, 0600);
+  // The crash slots are reserved too: a catcher's store into a sparse page of a full
+  // disk would kill the process.
+  const int fd = createLockedTmp(tmpPath, kHeaderBytes, why);
+  if (fd < 0) return false;
   auto fail = [&](const std::string& reason) {
     *why = reason;
     ::close(fd);
     devfs::removeFile(tmpPath.c_str());
     return false;
   };
-  if (!lockWhole(fd)) return fail(errnoText("lock", errno));
-  // The crash slots are reserved too: a catcher's store into a sparse page of a full
-  // disk would kill the process.
-  if (int err = posix_fallocate(fd, 0, static_cast<off_t>(kHeaderBytes)))
-    return fail(errnoText("reserve", err));
   void* head = mmap(nullptr, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (head == MAP_FAILED) return fail(errnoText("map", errno));
   auto* header = static_cast<PoolHeader*>(head);
@@ -254,21 +269,15 @@ bool PoolFile::relink(std::string* why) {
   if (slash != std::string::npos) devfs::makeDirs(mPath.substr(0, slash).c_str(), 02770);
   const std::string tmpPath = mPath + ".tmp";
   devfs::removeFile(tmpPath.c_str());
-  const int fd = devfs::openFd(tmpPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-  if (fd < 0) {
-    *why = errnoText("create", errno);
-    return false;
-  }
-  fchmod(fd, 0600);
+  const int fd =
+      createLockedTmp(tmpPath, kHeaderBytes + static_cast<uint64_t>(mHeader->chunkCount) * kChunkBytes, why);
+  if (fd < 0) return false;
   auto fail = [&](const std::string& reason) {
     *why = reason;
     ::close(fd);
     devfs::removeFile(tmpPath.c_str());
     return false;
   };
-  if (!lockWhole(fd)) return fail(errnoText("lock", errno));
-  const uint64_t size = kHeaderBytes + static_cast<uint64_t>(mHeader->chunkCount) * kChunkBytes;
-  if (int err = posix_fallocate(fd, 0, static_cast<off_t>(size))) return fail(errnoText("reserve", err));
   if (!writeAt(fd, mHeader, kHeaderBytes, 0)) return fail(errnoText("write", errno));
   for (const Chunk& c : mChunks)
     if (c.fileChunk >= 0 &&

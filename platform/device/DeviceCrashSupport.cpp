@@ -12,8 +12,6 @@
 #include <unistd.h>
 #include <zudebug_platform/crash_support.h>
 
-#include <atomic>
-
 #include <android/log.h>
 
 extern "C" void __android_log_set_aborter(void (*aborter)(const char* abort_message)) __attribute__((weak));
@@ -24,17 +22,6 @@ namespace zudebug {
 namespace platform {
 
 namespace {
-
-char sOwnMessage[1024];
-std::atomic<int> sOwnMessageState{0};  // 0 none, 1 being written, 2 set
-
-size_t copyCut(const char* text, size_t len, char* out, size_t size) {
-  if (size == 0) return 0;
-  const size_t n = len < size - 1 ? len : size - 1;
-  memcpy(out, text, n);
-  out[n] = '\0';
-  return n;
-}
 
 // Two words of memory that may not be mapped, without faulting.
 bool readPair(uintptr_t at, uintptr_t out[2]) {
@@ -101,17 +88,7 @@ size_t describeFrame(size_t index, const CrashFrame& frame, char* out, size_t si
   return n < 0 ? 0 : static_cast<size_t>(n) < size ? static_cast<size_t>(n) : size - 1;
 }
 
-size_t abortMessage(char* out, size_t size) {
-  if (sOwnMessageState.load(std::memory_order_acquire) != 2) return 0;
-  return copyCut(sOwnMessage, strnlen(sOwnMessage, sizeof(sOwnMessage)), out, size);
-}
-
-void setAbortMessage(const char* message) {
-  int expected = 0;
-  if (message == nullptr || !sOwnMessageState.compare_exchange_strong(expected, 1)) return;
-  copyCut(message, strnlen(message, sizeof(sOwnMessage) - 1), sOwnMessage, sizeof(sOwnMessage));
-  sOwnMessageState.store(2, std::memory_order_release);
-}
+size_t abortMessage(char* out, size_t size) { return ownAbortMessage(out, size); }
 
 }  // namespace platform
 }  // namespace zudebug

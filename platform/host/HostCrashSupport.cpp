@@ -40,17 +40,6 @@ struct GlibcAbortMsg {
 };
 GlibcAbortMsg** sGlibcAbortMsg = nullptr;
 
-char sOwnMessage[1024];
-std::atomic<int> sOwnMessageState{0};  // 0 none, 1 being written, 2 set
-
-size_t copyCut(const char* text, size_t len, char* out, size_t size) {
-  if (size == 0) return 0;
-  const size_t n = len < size - 1 ? len : size - 1;
-  memcpy(out, text, n);
-  out[n] = '\0';
-  return n;
-}
-
 }  // namespace
 
 void prepareCrashUnwind() {
@@ -102,8 +91,7 @@ size_t describeFrame(size_t index, const CrashFrame& frame, char* out, size_t si
 }
 
 size_t abortMessage(char* out, size_t size) {
-  if (sOwnMessageState.load(std::memory_order_acquire) == 2)
-    return copyCut(sOwnMessage, strnlen(sOwnMessage, sizeof(sOwnMessage)), out, size);
+  if (const size_t own = ownAbortMessage(out, size)) return own;
   if (sGlibcAbortMsg == nullptr) return 0;
   const GlibcAbortMsg* msg = __atomic_load_n(sGlibcAbortMsg, __ATOMIC_ACQUIRE);
   if (msg == nullptr || msg->size <= sizeof(unsigned int)) return 0;
@@ -112,13 +100,6 @@ size_t abortMessage(char* out, size_t size) {
   size_t len = strnlen(msg->msg, room);
   while (len > 0 && msg->msg[len - 1] == '\n') --len;
   return copyCut(msg->msg, len, out, size);
-}
-
-void setAbortMessage(const char* message) {
-  int expected = 0;
-  if (message == nullptr || !sOwnMessageState.compare_exchange_strong(expected, 1)) return;
-  copyCut(message, strnlen(message, sizeof(sOwnMessage) - 1), sOwnMessage, sizeof(sOwnMessage));
-  sOwnMessageState.store(2, std::memory_order_release);
 }
 
 }  // namespace platform

@@ -44,6 +44,10 @@ size_t abortMessage(char* out, size_t size);
 // Records `message` as the abort message, for platform aborts that do not keep one
 // where abortMessage() looks. Async-signal-safe; the first message is kept.
 void setAbortMessage(const char* message);
+// The message setAbortMessage() kept, as abortMessage() gives it; 0 when none.
+size_t ownAbortMessage(char* out, size_t size);
+// `len` bytes of `text` into `out` with a terminating NUL, cut to fit; the length.
+size_t copyCut(const char* text, size_t len, char* out, size_t size);
 
 }  // namespace platform
 }  // namespace zudebug
