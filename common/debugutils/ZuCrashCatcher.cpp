@@ -134,11 +134,17 @@ void pauseMs(long ms) {
   nanosleep(&pause, nullptr);
 }
 
+// Whether `tid` is inside the catcher now.
+bool inCatcher(int tid) {
+  for (auto& entry : sCatcherTids)
+    if (entry.load(std::memory_order_acquire) == tid) return true;
+  return false;
+}
+
 // False when this thread is inside the catcher already.
 bool enterCatcher(int tid, int* index) {
   *index = -1;
-  for (auto& entry : sCatcherTids)
-    if (entry.load(std::memory_order_acquire) == tid) return false;
+  if (inCatcher(tid)) return false;
   for (int i = 0; i < kMaxCatchers; ++i) {
     int free = 0;
     if (sCatcherTids[i].compare_exchange_strong(free, tid, std::memory_order_acq_rel)) {
@@ -147,12 +153,6 @@ bool enterCatcher(int tid, int* index) {
     }
   }
   return true;  // too many at once: this one goes on unmarked
-}
-
-bool inCatcher(int tid) {
-  for (auto& entry : sCatcherTids)
-    if (entry.load(std::memory_order_acquire) == tid) return true;
-  return false;
 }
 
 void leaveCatcher(int index) {

@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <tuple>
 #include <atomic>
 #include <chrono>
@@ -691,10 +692,7 @@ bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
     if (mState->mNeedFlushThreadCount.load() < kFlushThreshold) return true;
     // A file that could not be written is tried again once a second, not on every wake.
     if (mState->mWriteFailing && Clock::now() - mState->mLastWriteFailure < kWriteRetryPause) return true;
-    for (int id : mState->mFlushRegisterId)
-      if (id >= 0 && id < static_cast<int>(mState->mPerLogInfoPool.size()))
-        batch.emplace_back(id, mState->mPerLogInfoPool[id].get());
-    mState->mFlushRegisterId.clear();
+    takeHandedOverLocked(batch);
   }
   // Handed over before the list was taken: their owners have moved on.
   for (auto& entry : batch) writeRecordLocked(*entry.second, true, false);
@@ -705,6 +703,15 @@ bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
   }
   rotateLocked();
   return true;
+}
+
+// Under the file mutex and the pool mutex: the queues handed over, in their order,
+// taken off the list into `batch`.
+void ZuDegbugOfflineLogger::takeHandedOverLocked(std::vector<std::pair<int, PerLogThreadInfo*>>& batch) {
+  for (const int id : mState->mFlushRegisterId)
+    if (id >= 0 && id < static_cast<int>(mState->mPerLogInfoPool.size()))
+      batch.emplace_back(id, mState->mPerLogInfoPool[id].get());
+  mState->mFlushRegisterId.clear();
 }
 
 // Under the file mutex and the pool mutex: queues whose bytes could not be written go
@@ -741,10 +748,7 @@ void ZuDegbugOfflineLogger::forcedFlushLocked(int* result) {
   // Nobody hands over meanwhile: that needs the pool mutex.
   std::vector<std::pair<int, PerLogThreadInfo*>>& batch = mState->mFlushBatch;
   batch.clear();
-  for (const int id : mState->mFlushRegisterId)
-    if (id >= 0 && id < static_cast<int>(mState->mPerLogInfoPool.size()))
-      batch.emplace_back(id, mState->mPerLogInfoPool[id].get());
-  mState->mFlushRegisterId.clear();
+  takeHandedOverLocked(batch);
   for (auto& entry : batch) {
     writeRecordLocked(*entry.second, true, true);
     recycleLocked(entry.first, *entry.second);
@@ -982,25 +986,25 @@ void ZuDegbugOfflineLogger::openNewFileLocked() {
 std::deque<std::string> ZuDegbugOfflineLogger::listLogFiles(bool logEach) {
   std::vector<std::string> names;
   devfs::listDir(kLogDir, &names);
-  std::map<std::string, bool> candidates;
+  std::set<std::string> candidates;
   for (const std::string& name : names) {
     if (name.find(mState->mTypeName) == std::string::npos || name[0] == '.') continue;
     // Queue files are never log files, even where the pool directory is this one.
     if (name.find(".pool") != std::string::npos) continue;
-    candidates[name] = true;
+    candidates.insert(name);
   }
   const std::map<std::string, logorder::Entry> order = logorder::read(kLogDir, candidates);
   std::vector<std::tuple<bool, int64_t, std::string>> found;
   mState->mEvidence.clear();
-  for (const auto& c : candidates) {
-    const auto listed = order.find(c.first);
+  for (const std::string& c : candidates) {
+    const auto listed = order.find(c);
     char full[4096];
-    snprintf(full, sizeof(full), "%s/%s", kLogDir, c.first.c_str());
+    snprintf(full, sizeof(full), "%s/%s", kLogDir, c.c_str());
     if (listed != order.end() && listed->second.evidence) mState->mEvidence.insert(full);
     if (listed != order.end())
       found.emplace_back(true, static_cast<int64_t>(listed->second.place), full);
     else
-      found.emplace_back(false, nameTime(kLogDir, c.first, mState->mTypeName), full);
+      found.emplace_back(false, nameTime(kLogDir, c, mState->mTypeName), full);
   }
   std::sort(found.begin(), found.end());
   std::deque<std::string> list;

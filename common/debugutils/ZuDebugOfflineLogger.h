@@ -148,6 +148,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   bool forcedFlush(Deadline deadline, int* result);
   void forcedFlushLocked(int* result);
   void recycleLocked(int registerId, PerLogThreadInfo& record);
+  void takeHandedOverLocked(std::vector<std::pair<int, PerLogThreadInfo*>>& batch);
   void keepUnwrittenLocked(const std::vector<std::pair<int, PerLogThreadInfo*>>& batch);
   void rotateLocked();
   void writeRecordLocked(PerLogThreadInfo& record, bool waiting, bool force);

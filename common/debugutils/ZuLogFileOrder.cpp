@@ -58,7 +58,7 @@ void noteIn(const char* hostDir, const char* name, bool evidence) {
   close(fd);
 }
 
-std::map<std::string, Entry> read(const char* dir, const std::map<std::string, bool>& existing) {
+std::map<std::string, Entry> read(const char* dir, const std::set<std::string>& existing) {
   std::map<std::string, Entry> out;
   char path[PLATFORM_PATH_MAX];
   if (!appendPath(path, sizeof(path), dir, kOrderFileName)) return out;

@@ -11,6 +11,7 @@
 #include <stdint.h>
 
 #include <map>
+#include <set>
 #include <string>
 
 namespace zudebug {
@@ -31,7 +32,7 @@ void note(const char* dir, const char* name, bool evidence);
 void noteIn(const char* hostDir, const char* name, bool evidence);
 // Every file the order file lists, by name. Past 64 KiB the order file is written
 // again with only the names in `existing` (the directory's files now).
-std::map<std::string, Entry> read(const char* dir, const std::map<std::string, bool>& existing);
+std::map<std::string, Entry> read(const char* dir, const std::set<std::string>& existing);
 
 }  // namespace logorder
 }  // namespace zudebug
