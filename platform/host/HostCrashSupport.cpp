@@ -45,9 +45,14 @@ GlibcAbortMsg** sGlibcAbortMsg = nullptr;
 void prepareCrashUnwind() {
   // The unwinder's one-time set-up (register size table, object lookup) runs here,
   // where it may take its locks, rather than in the first handler.
-  CrashFrame warm[4];
-  Collect st{warm, 4, 0};
+  CrashFrame warm[8];
+  Collect st{warm, 8, 0};
   _Unwind_Backtrace(collect, &st);
+  // The modules of the frames here (the program, this library, the C and C++ runtime)
+  // have their symbols read now: the helper children that name a crash's frames start
+  // from a copy of this process and need not read them again, each on its own.
+  char line[512];
+  for (size_t i = 0; i < st.count; ++i) describeFrame(i + 1, warm[i], line, sizeof(line));
   sGlibcAbortMsg = reinterpret_cast<GlibcAbortMsg**>(dlsym(RTLD_DEFAULT, "__abort_msg"));
 }
 
