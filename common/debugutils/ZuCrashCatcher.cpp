@@ -28,6 +28,7 @@
 
 #include "ZuCrashProbe.h"
 #include "ZuCrashRecord.h"
+#include "ZuPoolFaultGuard.h"
 #include "ZuCrashSignalStack.h"
 #include "ZuDebugDiag.h"
 #include "ZuDebugOfflineLogger.h"
@@ -481,6 +482,8 @@ void RegisterSignalHandlers() {
       struct sigaction previous;
       memset(&previous, 0, sizeof(previous));
       ok = sigaction(signal, &action, &previous) == 0;
+      // The catcher repairs queue-file faults itself: what the guard passed on to comes next.
+      if (ok && pool::isFaultGuard(previous)) previous = pool::faultGuardPrevious();
       const bool prevOurs = (previous.sa_flags & SA_SIGINFO) != 0 && previous.sa_sigaction == SignalCatcher;
       if (ok && !prevOurs) {
         sPreviousActions[signal] = previous;
@@ -493,6 +496,12 @@ void RegisterSignalHandlers() {
 
 void SignalCatcher(int signal, siginfo_t* info, void* context) {
   const int savedErrno = errno;
+  // A queue file cut short under the process is no crash: the page is replaced and the
+  // faulting store or load done again.
+  if (pool::absorbQueueFileFault(signal, info)) {
+    errno = savedErrno;
+    return;
+  }
   const int tid = gettidRaw();
   int index = -1;
   if (enterCatcher(tid, &index)) {

@@ -302,7 +302,7 @@ void ZuDegbugOfflineLogger::openPoolFile() {
   makeDeviceDirs(dir);
   std::string why;
   if (!mState->mPoolFile->create(dir, mState->mTypeName, static_cast<uint32_t>(mState->mZuOfflineLoggerType),
-                                 &why))
+                                 mState->mChunkLimit, &why))
     ZU_DBG_LOGE(
         "OfflineLogger queue file in %s unusable (%s): queues kept in process memory only, lost if the "
         "process dies",
@@ -323,6 +323,9 @@ void ZuDegbugOfflineLogger::closePool(bool removeFile) {
 int ZuDegbugOfflineLogger::allocateLogQueueMemPool() {
   std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
   if (!mState->mPoolFile) mState->mPoolFile = std::make_unique<pool::PoolFile>();
+  // At the bound the pool does not grow: lines wait for the flush to free a queue.
+  if (mState->mMemoryLogPool.size() >= static_cast<size_t>(mState->mChunkLimit) * pool::kBlocksPerChunk)
+    return -1;
   const bool durable = mState->mPoolFile->isOpen();
   pool::Chunk chunk;
   std::string why;
@@ -363,7 +366,15 @@ int ZuDegbugOfflineLogger::requestNewLogQueue(uint8_t*& queue, uint32_t threadId
   LifetimeThreadInfo& lifetime = sThreadLifetimes.info[slot];
   if (mState->mFreeMemoryIndex.empty()) allocateLogQueueMemPool();
   if (mState->mFreeMemoryIndex.empty()) {
-    ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "requestNewLogQueue", "Offlinelog failed to request new container");
+    // Said once until a queue is free again; the flush is woken to free one.
+    if (!mState->mQueuesShort.exchange(true)) {
+      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "requestNewLogQueue", "Offlinelog failed to request new container");
+      ZU_DBG_LOGE(
+          "OfflineLogger queues are at their bound of %zu MiB (%s): lines are given up and counted until "
+          "the flush frees a queue",
+          mState->mMemoryLogPool.size(), pool::kBoundProperty);
+      if (void (*trigger)() = mState->mFlushTrigger.load(std::memory_order_acquire)) trigger();
+    }
     queue = nullptr;
     local.record = nullptr;
     local.desc = nullptr;
@@ -388,7 +399,8 @@ int ZuDegbugOfflineLogger::requestNewLogQueue(uint8_t*& queue, uint32_t threadId
   record.memoryIndex = block;
   record.threadId = threadId;
   record.sessionCount = local.session;
-  record.usedSize = 0;
+  record.usedSize.store(0, std::memory_order_relaxed);
+  record.flushedSize = 0;
   record.writtenTotal = 0;
   record.address = mState->mMemoryLogPool[block];
   record.desc = mState->mBlockDesc[block];
@@ -481,7 +493,7 @@ namespace {
 void publish(threadLocalInfo& local, unsigned int length) {
   local.offset += length;
   local.bytesSinceReset += length;
-  local.record->usedSize = local.offset;
+  local.record->usedSize.store(local.offset, std::memory_order_release);
   local.record->writtenTotal = local.bytesSinceReset;
   pool::storeRelease(&local.desc->used, local.offset);
 }
@@ -621,6 +633,12 @@ void ZuDegbugOfflineLogger::takeFreshQueue(threadLocalInfo& local, bool handOver
 
 // ---- files ----
 
+void ZuDegbugOfflineLogger::retryWaitingWrites() {
+  if (mState->mStatus.load() != kStatusActive) return;
+  if (mState->mWriteFailing.load(std::memory_order_relaxed) || mState->mQueuesShort.load(std::memory_order_relaxed))
+    flushLogToFile(false);
+}
+
 int ZuDegbugOfflineLogger::flushLogToFile(bool force) {
   int result = 0;
   flushImpl(force, Clock::time_point::max(), &result);
@@ -645,10 +663,74 @@ bool ZuDegbugOfflineLogger::flushImpl(bool force, Deadline deadline, int* result
     *result = -1;
     return true;
   }
+  keepCutQueuesInMemory();
   relinkQueueFileIfGone();
-  // Small amounts wait in memory; no need to take any lock to find that out.
-  if (!force && mState->mNeedFlushThreadCount.load() < kFlushThreshold) return true;
+  // Small amounts wait in memory; no need to take any lock to find that out. Not when
+  // threads find no queue: then whatever waits is written.
+  if (!force && mState->mNeedFlushThreadCount.load() < kFlushThreshold &&
+      !mState->mQueuesShort.load(std::memory_order_relaxed))
+    return true;
   return force ? forcedFlush(deadline, result) : normalFlush(deadline, result);
+}
+
+// A queue file cut short under the process: the queues past its end move into process
+// memory (what they held there is gone), and one line in the log says whose bytes were
+// lost. Threads go on appending into the same queues.
+void ZuDegbugOfflineLogger::keepCutQueuesInMemory() {
+  {
+    std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
+    if (!mState->mPoolFile || !mState->mPoolFile->cutShort()) return;
+  }
+  std::lock_guard<ZuPoolLock> appends(mState->mPoolLock);
+  std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
+  std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
+  std::vector<uint32_t> moved;
+  bool headerMoved = false;
+  const uint64_t size = mState->mPoolFile->keepCutPartInMemory(&moved, &headerMoved);
+  uint64_t lost = 0;
+  std::set<uint32_t> threads;
+  for (uint32_t slot : moved) {
+    const int64_t chunkAt = static_cast<int64_t>(pool::kHeaderBytes) +
+                            static_cast<int64_t>(mState->mBlockFileIndex[slot * pool::kBlocksPerChunk] /
+                                                 static_cast<int>(pool::kBlocksPerChunk)) *
+                                static_cast<int64_t>(pool::kChunkBytes);
+    for (uint32_t i = 0; i < pool::kBlocksPerChunk; ++i) {
+      const size_t block = slot * pool::kBlocksPerChunk + i;
+      mState->mBlockFileIndex[block] = -1;
+      const uint64_t blockAt = static_cast<uint64_t>(chunkAt) + pool::kAreaBytes + i * static_cast<uint64_t>(kBlockSize);
+      for (const auto& entry : mState->mPerLogInfoPool) {
+        PerLogThreadInfo& record = *entry;
+        if (record.desc == nullptr || record.memoryIndex != static_cast<int32_t>(block)) continue;
+        const uint32_t used = std::min(record.usedSize.load(std::memory_order_acquire), kBlockSize);
+        const uint32_t from = std::min(record.flushedSize, used);
+        // What the file still held is whole; anything past its end is not, and the
+        // lines appended since are told as lost with it rather than written torn.
+        if (blockAt + used > size && used > from) {
+          lost += used - from;
+          threads.insert(record.threadId);
+        }
+        record.flushedSize = used;
+        pool::BlockDesc& desc = *record.desc;
+        desc.tid = record.threadId;
+        pool::storeRelease(&desc.used, used);
+        pool::storeRelease(&desc.flushed, used);
+        pool::storeRelease(&desc.state, record.bNeedFlush ? pool::kBlockWaiting : pool::kBlockOwned);
+      }
+    }
+  }
+  std::string tids;
+  for (uint32_t tid : threads) tids += (tids.empty() ? "" : ",") + std::to_string(tid);
+  if (tids.empty()) tids = "none";
+  char notice[768];
+  const size_t n = formatDiagnosticLine(
+      notice, sizeof(notice), "E", zuBaseName(__FILE__), "flushLogToFile", __LINE__,
+      "OfflineLogger queue file %s was cut to %llu bytes under the process: %llu queued bytes of threads %s "
+      "lost; %zu queues%s kept in process memory from now on",
+      mState->mPoolFile->path().c_str(), static_cast<unsigned long long>(size),
+      static_cast<unsigned long long>(lost), tids.c_str(), moved.size() * pool::kBlocksPerChunk,
+      headerMoved ? " and the crash slots" : "");
+  ZU_DBG_LOGE("%.*s", static_cast<int>(n > 0 ? n - 1 : 0), notice);
+  writeBytesLocked(reinterpret_cast<const uint8_t*>(notice), static_cast<uint32_t>(n), nullptr, nullptr);
 }
 
 // A queue file whose directory was removed (`rm -rf` of the offline directory) would
@@ -689,7 +771,9 @@ bool ZuDegbugOfflineLogger::normalFlush(Deadline deadline, int* result) {
       *result = -1;
       return true;
     }
-    if (mState->mNeedFlushThreadCount.load() < kFlushThreshold) return true;
+    if (mState->mNeedFlushThreadCount.load() < kFlushThreshold &&
+        !mState->mQueuesShort.load(std::memory_order_relaxed))
+      return true;
     // A file that could not be written is tried again once a second, not on every wake.
     if (mState->mWriteFailing && Clock::now() - mState->mLastWriteFailure < kWriteRetryPause) return true;
     takeHandedOverLocked(batch);
@@ -733,12 +817,14 @@ bool ZuDegbugOfflineLogger::forcedFlush(Deadline deadline, int* result) {
   if (!fileLock.held()) return false;
   HeldLock<ZuOwnedRecursiveMutex> poolLock(mState->mPoolMutex, deadline);
   if (!poolLock.held()) return false;
-  forcedFlushLocked(result);
+  forcedFlushLocked(result, true);
   return true;
 }
 
-// Under the file mutex and the pool mutex.
-void ZuDegbugOfflineLogger::forcedFlushLocked(int* result) {
+// Under the file mutex and the pool mutex. The crash catcher's helper process does not
+// `recycle`: the queues it wrote are its parent's, which learns from the queue file
+// how far they are written.
+void ZuDegbugOfflineLogger::forcedFlushLocked(int* result, bool recycle) {
   if (mState->mStatus.load() == kStatusStopped) {
     *result = -1;
     return;
@@ -751,7 +837,7 @@ void ZuDegbugOfflineLogger::forcedFlushLocked(int* result) {
   takeHandedOverLocked(batch);
   for (auto& entry : batch) {
     writeRecordLocked(*entry.second, true, true);
-    recycleLocked(entry.first, *entry.second);
+    if (recycle) recycleLocked(entry.first, *entry.second);
   }
   keepUnwrittenLocked(batch);
   for (int id = 0; id < static_cast<int>(mState->mPerLogInfoPool.size()); ++id) {
@@ -767,7 +853,8 @@ void ZuDegbugOfflineLogger::recycleLocked(int registerId, PerLogThreadInfo& reco
   if (!record.bReserved) return;
   record.bReserved = false;
   record.bNeedFlush = false;
-  record.usedSize = 0;
+  record.usedSize.store(0, std::memory_order_relaxed);
+  record.flushedSize = 0;
   if (record.desc != nullptr) {
     pool::storeRelease(&record.desc->state, pool::kBlockFree);
     pool::storeRelease(&record.desc->used, 0);
@@ -776,6 +863,7 @@ void ZuDegbugOfflineLogger::recycleLocked(int registerId, PerLogThreadInfo& reco
   record.desc = nullptr;
   mState->mFreeMemoryIndex.push_back(record.memoryIndex);
   mState->mFreeRegisterId.push_back(registerId);
+  mState->mQueuesShort.store(false, std::memory_order_relaxed);
 }
 
 // Under the file mutex: keep at most mState->mFileLimit files. The oldest go first,
@@ -836,8 +924,12 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool wai
                     waiting ? 1 : 0, force ? 1 : 0, mState->mCurrentFileName.c_str());
   pool::BlockDesc* desc = record.desc;
   if (desc == nullptr) return;
-  const uint32_t used = pool::loadAcquire(&desc->used);
-  const uint32_t from = desc->flushed;
+  // The count of bytes in process memory, not the one in the queue file: whoever can
+  // write that file must not make the flush read past a block or write a line twice.
+  // What is already in a file may have been written by the crash catcher's helper
+  // process, which has only the queue file to tell.
+  const uint32_t used = std::min(record.usedSize.load(std::memory_order_acquire), kBlockSize);
+  const uint32_t from = std::min(std::max(record.flushedSize, pool::loadAcquire(&desc->flushed)), used);
   if (!waiting && !(force && used > from)) return;
   if (used > from) {
     const int32_t fileBlock = mState->mBlockFileIndex[static_cast<size_t>(record.memoryIndex)];
@@ -849,6 +941,7 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool wai
     if (durable) pool::storeRelease(&header->intent.state, 0);
     // Bytes that did not reach a file stay in the queue for the next try.
     if (!written) return;
+    record.flushedSize = used;
     pool::storeRelease(&desc->flushed, used);
   }
   if (waiting) {
@@ -871,8 +964,9 @@ void ZuDegbugOfflineLogger::writeCrashRecordsLocked() {
     const uint32_t slot = order[i];
     if (!area.take(slot)) continue;
     pool::CrashSlot& s = area.slot(slot);
-    const uint32_t used = pool::loadAcquire(&s.used);
-    const uint32_t from = s.flushed;
+    // Never past the slot, whatever the queue file says.
+    const uint32_t used = std::min(pool::loadAcquire(&s.used), pool::kCrashSlotBytes);
+    const uint32_t from = std::min(s.flushed, used);
     if (used > from) {
       MappedIntent intent{header, pool::kCrashIntentBit | slot, from, used};
       const bool written = writeBytesLocked(area.data(slot) + from, used - from,
@@ -1106,7 +1200,8 @@ void ZuDegbugOfflineLogger::recoverDeadProcesses() {
   std::lock_guard<ZuOwnedPlainMutex> files(mState->mFileMutex);
   LoggerRecoveryWriter writer(*this);
   pool::recoverDeadPools(poolDirectory(), mState->mTypeName,
-                         static_cast<uint32_t>(mState->mZuOfflineLoggerType), kLogDir, writer);
+                         static_cast<uint32_t>(mState->mZuOfflineLoggerType), kLogDir, mState->mChunkLimit,
+                         writer);
   rotateLocked();
 }
 
@@ -1131,6 +1226,8 @@ int ZuDegbugOfflineLogger::start() {
   }
   {
     std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
+    mState->mChunkLimit = pool::chunkLimit();
+    mState->mQueuesShort.store(false, std::memory_order_relaxed);
     openPoolFile();
     if (allocateLogQueueMemPool() != 0) {
       closePool();
@@ -1283,7 +1380,7 @@ void ZuDegbugOfflineLogger::unlockAfterCrashFlush() {
 
 int ZuDegbugOfflineLogger::flushHeldForCrash() {
   int result = 0;
-  forcedFlushLocked(&result);
+  forcedFlushLocked(&result, false);
   return result;
 }
 

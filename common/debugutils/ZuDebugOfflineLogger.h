@@ -70,6 +70,9 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
 
   // Files.
   int flushLogToFile(bool force);
+  // The flush thread's periodic call: writes again when the last write failed or
+  // threads found no queue, else does nothing.
+  void retryWaitingWrites();
   std::string getPrefixFilename();
   std::string getCurrentTime();
   float getAvailableSpace(const char* path);
@@ -142,11 +145,10 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   enum class QueueStep { Keep, Fresh, HandOver };
   QueueStep chooseQueueStep(threadLocalInfo& local, unsigned int length);
   void takeFreshQueue(threadLocalInfo& local, bool handOver);
-  bool updateRecordCounters(int registerId, uint32_t used, uint32_t total, Deadline deadline);
   bool flushImpl(bool force, Deadline deadline, int* result);
   bool normalFlush(Deadline deadline, int* result);
   bool forcedFlush(Deadline deadline, int* result);
-  void forcedFlushLocked(int* result);
+  void forcedFlushLocked(int* result, bool recycle);
   void recycleLocked(int registerId, PerLogThreadInfo& record);
   void takeHandedOverLocked(std::vector<std::pair<int, PerLogThreadInfo*>>& batch);
   void keepUnwrittenLocked(const std::vector<std::pair<int, PerLogThreadInfo*>>& batch);
@@ -162,6 +164,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   void openPoolFile();
   void closePool(bool removeFile = true);
   void relinkQueueFileIfGone();
+  void keepCutQueuesInMemory();
   void noteEvidenceLocked();
   void noteDroppedLine(uint32_t tid);
   void resetRecords(bool clearBlocks);

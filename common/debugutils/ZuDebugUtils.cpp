@@ -267,14 +267,20 @@ void ZuDebugInterface::requestOfflineLogThreadProcessing() {
   // Named, so that it can be told apart in ps, top and traces.
   pthread_setname_np(pthread_self(), mType == ZuOfflineLoggerType::Debug ? "ZuFlushDebug" : "ZuFlushBinary");
   for (;;) {
+    bool signalled;
     {
       std::unique_lock<std::mutex> lock(mWaitMutex);
-      // A wake-up that came during the last flush is not lost.
-      mFlushSignal.wait(lock, [this] { return mSignalPending || mExitRequest; });
+      // A wake-up that came during the last flush is not lost. Once a second without
+      // one, a write that failed (a full disk) or queues that ran out are tried again.
+      signalled =
+          mFlushSignal.wait_for(lock, std::chrono::seconds(1), [this] { return mSignalPending || mExitRequest; });
       mSignalPending = false;
       if (mExitRequest) break;
     }
-    mLogger->flushLogToFile(false);
+    if (signalled)
+      mLogger->flushLogToFile(false);
+    else
+      mLogger->retryWaitingWrites();
   }
   ZU_DBG_LOGI("OfflineLogger Thread is now terminated!");
 }

@@ -108,7 +108,8 @@ struct alignas(64) PerLogThreadInfo {
   uint32_t threadId = 0;            // kernel id of the owner
   int32_t memoryIndex = -1;         // block index in mMemoryLogPool
   uint32_t sessionCount = 0;        // owner's session when the queue was taken
-  uint32_t usedSize = 0;            // bytes written into the block
+  std::atomic<uint32_t> usedSize{0};  // bytes written into the block, published by the owner
+  uint32_t flushedSize = 0;           // bytes of the block in a file: the flusher's own count
   std::string name;                 // kept for the owner's name
   uint32_t writtenTotal = 0;        // running count mirrored from the owner
   uint8_t* address = nullptr;       // the block itself, so owners need not index the pool
@@ -151,6 +152,11 @@ struct ZuDegbugOfflineLogger::State {
   std::atomic<uint32_t> mNeedFlushThreadCount{0};
   // Lines dropped because no block could be had; reported in the next block taken.
   std::atomic<uint32_t> mDroppedLines{0};
+  // Chunks of 16 queues the pool may hold (the queue file's bound).
+  uint32_t mChunkLimit = 4;
+  // A thread found no free queue with the pool at its bound: the flush writes what
+  // waits without waiting for more, and is tried again once a second.
+  std::atomic<bool> mQueuesShort{false};
   // What the lines given up since the last notice were: whose, when, why. Taken only
   // when a line is given up.
   struct Drops {
@@ -190,7 +196,7 @@ struct ZuDegbugOfflineLogger::State {
   std::deque<std::string> mFileList;
   std::set<std::string> mEvidence;  // files of mFileList with a crash record or a recovery notice
   bool mClockBackSaid = false;
-  bool mWriteFailing = false;  // the last write failed; said once until one succeeds
+  std::atomic<bool> mWriteFailing{false};  // the last write failed; said once until one succeeds
   // When a write last failed: handed-over queues wait for the next try a while.
   std::chrono::steady_clock::time_point mLastWriteFailure{};
   bool mRelinkFailing = false;  // the queue file lost its name and could not be made again

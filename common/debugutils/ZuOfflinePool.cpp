@@ -10,6 +10,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cutils/properties.h>
+
 #include <algorithm>
 #include <atomic>
 #include <memory>
@@ -17,6 +19,7 @@
 #include <zudebug_platform/fs.h>
 
 #include "ZuDebugDiag.h"
+#include "ZuPoolFaultGuard.h"
 
 namespace zudebug {
 namespace pool {
@@ -96,6 +99,25 @@ int createLockedTmp(const std::string& tmpPath, uint64_t bytes, std::string* why
 
 }  // namespace
 
+uint32_t chunkLimit() {
+  char value[PROPERTY_VALUE_MAX];
+  property_get(kBoundProperty, value, "");
+  const uint64_t queueBytes = static_cast<uint64_t>(kBlocksPerChunk) * kBlockSize;
+  uint64_t mib = kDefaultBoundMiB;
+  if (value[0] != '\0') {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long v = strtoull(value, &end, 10);
+    if (errno != 0 || end == value || *end != '\0' || v == 0 || v > 65536)
+      ZU_DBG_LOGE("OfflineLogger %s=\"%s\" is not a size in MiB from 1 to 65536: %u MiB used", kBoundProperty,
+                  value, kDefaultBoundMiB);
+    else
+      mib = v;
+  }
+  // Whole chunks, at least one.
+  return static_cast<uint32_t>(std::max<uint64_t>(1, (mib << 20) / queueBytes));
+}
+
 // ---- crash slots ----
 
 int CrashArea::claim(uint32_t tid) const {
@@ -132,7 +154,7 @@ uint32_t CrashArea::completeInOrder(uint32_t* out) const {
 // ---- owner side ----
 
 bool PoolFile::create(const std::string& dir, const std::string& typeName, uint32_t loggerType,
-                      std::string* why) {
+                      uint32_t chunkLimit, std::string* why) {
   close(false);
   struct timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
@@ -155,8 +177,16 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
     devfs::removeFile(tmpPath.c_str());
     return false;
   };
-  void* head = mmap(nullptr, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  if (head == MAP_FAILED) return fail(errnoText("map", errno));
+  // One stretch of address space for the header and every chunk the bound allows, so
+  // that the fault guard knows the whole file by one range.
+  const uint64_t reserved = kHeaderBytes + static_cast<uint64_t>(chunkLimit) * kChunkBytes;
+  void* base = mmap(nullptr, reserved, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (base == MAP_FAILED) return fail(errnoText("reserve address space", errno));
+  void* head = mmap(base, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0);
+  if (head == MAP_FAILED) {
+    munmap(base, reserved);
+    return fail(errnoText("map", errno));
+  }
   auto* header = static_cast<PoolHeader*>(head);
   header->version = kVersion;
   header->loggerType = loggerType;
@@ -170,37 +200,53 @@ bool PoolFile::create(const std::string& dir, const std::string& typeName, uint3
   // Nobody else looks at it before the rename below.
   memcpy(header->magic, kMagic, sizeof(kMagic));
   if (!devfs::renameFile(tmpPath.c_str(), finalPath.c_str())) {
-    munmap(head, kHeaderBytes);
+    munmap(base, reserved);
     return fail(errnoText("rename", errno));
   }
   mFd = fd;
   mHeader = header;
   mPath = finalPath;
+  mBase = static_cast<uint8_t*>(base);
+  mReserved = reserved;
+  mSlots = chunkLimit;
+  mFileChunks = 0;
+  mInMemory = false;
+  installFaultGuard();
+  mGuard = guardRange(mBase, kHeaderBytes, kChunkBytes, kHeaderBytes);
   return true;
 }
 
 bool PoolFile::grow(Chunk* out, std::string* why) {
-  if (mHeader != nullptr) {
-    const uint32_t n = mHeader->chunkCount;
+  const uint32_t slot = static_cast<uint32_t>(mChunks.size());
+  if (mBase != nullptr && slot >= mSlots) {
+    *why = "no room below the bound";
+    return false;
+  }
+  if (mHeader != nullptr && !mInMemory) {
+    const uint32_t n = mFileChunks;
     const uint64_t off = kHeaderBytes + n * kChunkBytes;
     // Reserved first: a store into a sparse page of a full disk would kill the process.
     if (int err = posix_fallocate(mFd, static_cast<off_t>(off), static_cast<off_t>(kChunkBytes))) {
       *why = errnoText("reserve", err);
     } else {
-      void* base =
-          mmap(nullptr, kChunkBytes, PROT_READ | PROT_WRITE, MAP_SHARED, mFd, static_cast<off_t>(off));
+      void* base = mmap(slotAddress(slot), kChunkBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, mFd,
+                        static_cast<off_t>(off));
       if (base == MAP_FAILED) {
         *why = errnoText("map", errno);
       } else {
         out->base = static_cast<uint8_t*>(base);
         out->fileChunk = static_cast<int>(n);
         mChunks.push_back(*out);
+        mFileChunks = n + 1;
         storeRelease(&mHeader->chunkCount, n + 1);
+        resizeGuardedRange(mGuard, kHeaderBytes + (slot + 1) * kChunkBytes);
         return true;
       }
     }
   }
-  void* base = mmap(nullptr, kChunkBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* base = mBase != nullptr ? mmap(slotAddress(slot), kChunkBytes, PROT_READ | PROT_WRITE,
+                                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0)
+                                : mmap(nullptr, kChunkBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (base == MAP_FAILED) return false;
   out->base = static_cast<uint8_t*>(base);
   out->fileChunk = -1;
@@ -229,7 +275,7 @@ void PoolFile::detachAfterFork() {
     c.fileChunk = -1;
   }
   if (mHeader != nullptr) {
-    mmap(mHeader, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, mFd, 0);
+    if (!mHeaderInMemory) mmap(mHeader, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, mFd, 0);
     mDetachedHeader = mHeader;
     mHeader = nullptr;
     mCrash = CrashArea(static_cast<uint8_t*>(mDetachedHeader), false);
@@ -242,12 +288,21 @@ void PoolFile::detachAfterFork() {
 
 void PoolFile::close(bool remove) {
   mCrash = CrashArea();
+  unguardRange(mGuard);
+  mGuard = -1;
   for (const Chunk& c : mChunks) munmap(c.base, kChunkBytes);
   mChunks.clear();
   if (mHeader != nullptr) munmap(mHeader, kHeaderBytes);
   mHeader = nullptr;
   if (mDetachedHeader != nullptr) munmap(mDetachedHeader, kHeaderBytes);
   mDetachedHeader = nullptr;
+  if (mBase != nullptr) munmap(mBase, mReserved);
+  mBase = nullptr;
+  mReserved = 0;
+  mSlots = 0;
+  mFileChunks = 0;
+  mInMemory = false;
+  mHeaderInMemory = false;
   if (mMemoryHeader != nullptr) munmap(mMemoryHeader, kHeaderBytes);
   mMemoryHeader = nullptr;
   if (mFd >= 0) {
@@ -264,13 +319,64 @@ bool PoolFile::unlinked() const {
   return mFd >= 0 && mHeader != nullptr && fstat(mFd, &st) == 0 && st.st_nlink == 0;
 }
 
+bool PoolFile::cutShort() {
+  if (mFd < 0 || mHeader == nullptr) return false;
+  const bool repaired = takeCutMark(mGuard);
+  struct stat st;
+  if (fstat(mFd, &st) != 0) return repaired;
+  return repaired || static_cast<uint64_t>(st.st_size) < kHeaderBytes + mFileChunks * kChunkBytes;
+}
+
+namespace {
+
+// The first `keep` bytes of [at, at + bytes) stay; the whole stretch becomes process
+// memory. Bytes past the file's end read as zeros, or were zeroed by the fault guard.
+void moveIntoMemory(uint8_t* at, uint64_t bytes, uint64_t keep) {
+  std::unique_ptr<uint8_t[]> copy(keep > 0 ? new uint8_t[keep] : nullptr);
+  if (keep > 0) memcpy(copy.get(), at, keep);
+  mmap(at, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  if (keep > 0) memcpy(at, copy.get(), keep);
+}
+
+}  // namespace
+
+uint64_t PoolFile::keepCutPartInMemory(std::vector<uint32_t>* movedSlots, bool* headerMoved) {
+  struct stat st;
+  const uint64_t size = fstat(mFd, &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+  *headerMoved = size < kHeaderBytes && !mHeaderInMemory;
+  if (*headerMoved) {
+    mHeaderInMemory = true;
+    moveIntoMemory(reinterpret_cast<uint8_t*>(mHeader), kHeaderBytes, size);
+    mCrash = CrashArea(reinterpret_cast<uint8_t*>(mHeader), false);
+  }
+  for (uint32_t slot = 0; slot < mChunks.size(); ++slot) {
+    Chunk& c = mChunks[slot];
+    if (c.fileChunk < 0) continue;
+    const uint64_t at = kHeaderBytes + static_cast<uint64_t>(c.fileChunk) * kChunkBytes;
+    if (at + kChunkBytes <= size) continue;
+    moveIntoMemory(c.base, kChunkBytes, size > at ? size - at : 0);
+    c.fileChunk = -1;
+    movedSlots->push_back(slot);
+  }
+  mInMemory = true;
+  return size;
+}
+
+int64_t PoolFile::chunkFileOffset(uint32_t slot) const {
+  if (slot >= mChunks.size() || mChunks[slot].fileChunk < 0) return -1;
+  return static_cast<int64_t>(kHeaderBytes + static_cast<uint64_t>(mChunks[slot].fileChunk) * kChunkBytes);
+}
+
 bool PoolFile::relink(std::string* why) {
   const size_t slash = mPath.rfind('/');
   if (slash != std::string::npos) devfs::makeDirs(mPath.substr(0, slash).c_str(), 02770);
   const std::string tmpPath = mPath + ".tmp";
   devfs::removeFile(tmpPath.c_str());
-  const int fd =
-      createLockedTmp(tmpPath, kHeaderBytes + static_cast<uint64_t>(mHeader->chunkCount) * kChunkBytes, why);
+  if (mHeaderInMemory) {
+    *why = "it was cut short before: the queues stay in process memory";
+    return false;
+  }
+  const int fd = createLockedTmp(tmpPath, kHeaderBytes + static_cast<uint64_t>(mFileChunks) * kChunkBytes, why);
   if (fd < 0) return false;
   auto fail = [&](const std::string& reason) {
     *why = reason;
@@ -312,7 +418,7 @@ class DeadPool {
   DeadPool(int fd, std::string path, const char* logDir) : mFd(fd), mPath(std::move(path)), mLogDir(logDir) {}
 
   // False when the file cannot be trusted at all.
-  bool load(uint32_t loggerType, std::string* why) {
+  bool load(uint32_t loggerType, uint32_t chunkLimit, std::string* why) {
     struct stat st;
     if (fstat(mFd, &st) != 0) {
       *why = errnoText("stat", errno);
@@ -347,6 +453,11 @@ class DeadPool {
     if (mChunks < mHeader.chunkCount)
       ZU_DBG_LOGE("OfflineLogger pool file %s is cut short: %u of %u chunks readable", mPath.c_str(), mChunks,
                   mHeader.chunkCount);
+    if (mChunks > chunkLimit) {
+      ZU_DBG_LOGE("OfflineLogger pool file %s claims %u chunks, more than the bound: only the first %u read",
+                  mPath.c_str(), mChunks, chunkLimit);
+      mChunks = chunkLimit;
+    }
     return true;
   }
 
@@ -555,7 +666,7 @@ void removeAbandonedTmp(const std::string& path) {
 }  // namespace
 
 int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32_t loggerType,
-                     const char* logDir, RecoveryWriter& writer) {
+                     const char* logDir, uint32_t chunkLimit, RecoveryWriter& writer) {
   const std::string prefix = "ZuCam_" + typeName + "_";
   std::vector<std::string> all, names;
   if (!devfs::listDir(dir.c_str(), &all)) return 0;
@@ -566,12 +677,15 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
   }
   std::unique_ptr<uint8_t[]> buf;
   int recovered = 0;
+  // A directory full of junk is told about in a few lines, not thousands.
+  constexpr uint32_t kLinesEach = 10;
+  uint32_t foreign = 0, untrusted = 0;
   for (const std::string& name : names) {
     const std::string path = dir + "/" + name;
     const int fd = devfs::openChecked(path.c_str(), O_RDWR, 0, devfs::Owner::User);
     if (fd < 0) {
       // Removed by another recoverer meanwhile, or not a queue file of this user's.
-      if (errno != ENOENT)
+      if (errno != ENOENT && ++foreign <= kLinesEach)
         ZU_DBG_LOGE("OfflineLogger %s is not a queue file of this process's user: left alone", path.c_str());
       continue;
     }
@@ -583,9 +697,10 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
     }
     DeadPool dead(fd, path, logDir);
     std::string why;
-    if (!dead.load(loggerType, &why)) {
-      ZU_DBG_LOGE("OfflineLogger pool file %s cannot be trusted (%s): removed without recovery", path.c_str(),
-                  why.c_str());
+    if (!dead.load(loggerType, chunkLimit, &why)) {
+      if (++untrusted <= kLinesEach)
+        ZU_DBG_LOGE("OfflineLogger pool file %s cannot be trusted (%s): removed without recovery", path.c_str(),
+                    why.c_str());
       devfs::removeFile(path.c_str());
       ::close(fd);
       continue;
@@ -648,6 +763,12 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
     ::close(fd);
     ++recovered;
   }
+  if (foreign > kLinesEach)
+    ZU_DBG_LOGE("OfflineLogger %u more files in %s are not queue files of this process's user: left alone",
+                foreign - kLinesEach, dir.c_str());
+  if (untrusted > kLinesEach)
+    ZU_DBG_LOGE("OfflineLogger %u more pool files in %s cannot be trusted: removed without recovery",
+                untrusted - kLinesEach, dir.c_str());
   return recovered;
 }
 

@@ -40,6 +40,12 @@ constexpr char kMagic[8] = {'Z', 'U', 'P', 'O', 'O', 'L', '1', '\0'};
 constexpr const char* kDefaultPoolDir = "/data/vendor/camera/offlinelog/.pool";
 constexpr const char* kPoolDirProperty = "persist.vendor.camera.offlinelog.pooldir";
 
+// The queues a pool may hold, in MiB (16 queues of 1 MiB make a chunk): past it lines
+// are given up and counted, and recovery reads no more than that of a dead file.
+constexpr uint32_t kDefaultBoundMiB = 64;
+constexpr const char* kBoundProperty = "persist.vendor.camera.offlinelog.poolmb";
+uint32_t chunkLimit();
+
 enum BlockState : uint32_t { kBlockFree = 0, kBlockOwned = 1, kBlockWaiting = 2 };
 
 // One per block. Written by the block's owner (used) and by the flusher (flushed)
@@ -173,9 +179,11 @@ class PoolFile {
   PoolFile(const PoolFile&) = delete;
   PoolFile& operator=(const PoolFile&) = delete;
 
-  // Creates "<dir>/ZuCam_<type>_<pid>_<stamp>.pool" (device paths), locks and maps it.
-  // On failure returns false with the reason in `why`; the pool then lives in memory.
-  bool create(const std::string& dir, const std::string& typeName, uint32_t loggerType, std::string* why);
+  // Creates "<dir>/ZuCam_<type>_<pid>_<stamp>.pool" (device paths), locks and maps it,
+  // with room for `chunkLimit` chunks. On failure returns false with the reason in
+  // `why`; the pool then lives in memory.
+  bool create(const std::string& dir, const std::string& typeName, uint32_t loggerType, uint32_t chunkLimit,
+              std::string* why);
   bool isOpen() const { return mHeader != nullptr; }
   // Adds one chunk: reserved on disk and mapped when the file is open, otherwise (or
   // when that fails, with the reason in `why`) anonymous memory. False when no memory
@@ -192,6 +200,17 @@ class PoolFile {
   void close(bool remove);
   // Whether the file lost its name under the process (its directory cleared by hand).
   bool unlinked() const;
+  // Whether the file was cut short under the process (or a fault on it was repaired
+  // with zeroed memory since the last call).
+  bool cutShort();
+  // After cutShort(): every chunk (and the header) that reaches past the file's end is
+  // moved into process memory with the bytes the file still holds, and the pool grows
+  // in process memory from now on. Only while nothing writes into the pool. Returns
+  // the file's size; `movedSlots` receives the moved chunks' places in the order they
+  // were added, `headerMoved` whether the crash slots left the file too.
+  uint64_t keepCutPartInMemory(std::vector<uint32_t>* movedSlots, bool* headerMoved);
+  // The file offset of a chunk's first block, or -1 when the chunk is not in the file.
+  int64_t chunkFileOffset(uint32_t slot) const;
   // Gives the pool a file again after unlinked(): a new one at the same path receives
   // everything the old one holds and takes its place in every mapping. Only while
   // nothing writes into the pool (appends held off, the flush ours). False, with the
@@ -203,7 +222,16 @@ class PoolFile {
   void detachAfterFork();
 
  private:
+  uint8_t* slotAddress(uint32_t slot) const { return mBase + kHeaderBytes + slot * kChunkBytes; }
+
   int mFd = -1;
+  uint8_t* mBase = nullptr;  // address space for the header and every chunk the bound allows
+  uint64_t mReserved = 0;
+  uint32_t mSlots = 0;       // chunks that fit in it
+  uint32_t mFileChunks = 0;  // chunks added to the file
+  int mGuard = -1;           // its handle with the fault guard
+  bool mInMemory = false;    // cut short once: no more chunks from the file
+  bool mHeaderInMemory = false;  // cut below its header: the crash slots live in process memory
   PoolHeader* mHeader = nullptr;
   void* mDetachedHeader = nullptr;
   void* mMemoryHeader = nullptr;  // crash slots when there is no file header
@@ -232,8 +260,9 @@ class RecoveryWriter {
 // Recovers every pool file of `typeName` in `dir` whose owner is gone, removes it,
 // and returns the number of files recovered. `logDir` is the offline directory whose
 // files a pending write may have targeted.
+// At most `chunkLimit` chunks of a file are read.
 int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32_t loggerType,
-                     const char* logDir, RecoveryWriter& writer);
+                     const char* logDir, uint32_t chunkLimit, RecoveryWriter& writer);
 
 }  // namespace pool
 }  // namespace zudebug
