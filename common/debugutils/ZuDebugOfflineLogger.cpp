@@ -929,7 +929,15 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool wai
   // What is already in a file may have been written by the crash catcher's helper
   // process, which has only the queue file to tell.
   const uint32_t used = std::min(record.usedSize.load(std::memory_order_acquire), kBlockSize);
-  const uint32_t from = std::min(std::max(record.flushedSize, pool::loadAcquire(&desc->flushed)), used);
+  const uint32_t state = pool::loadAcquire(&desc->state);
+  const uint32_t fileFlushed = pool::loadAcquire(&desc->flushed);
+  const bool fileSane = (state == pool::kBlockOwned || state == pool::kBlockWaiting) && desc->tid == record.threadId;
+  const uint32_t from = fileSane && fileFlushed <= used ? std::max(record.flushedSize, fileFlushed) : record.flushedSize;
+  if (!fileSane) {
+    // Overwritten under the process: put back what the next start needs.
+    desc->tid = record.threadId;
+    pool::storeRelease(&desc->state, record.bNeedFlush ? pool::kBlockWaiting : pool::kBlockOwned);
+  }
   if (!waiting && !(force && used > from)) return;
   if (used > from) {
     const int32_t fileBlock = mState->mBlockFileIndex[static_cast<size_t>(record.memoryIndex)];

@@ -324,7 +324,8 @@ bool PoolFile::cutShort() {
   const bool repaired = takeCutMark(mGuard);
   struct stat st;
   if (fstat(mFd, &st) != 0) return repaired;
-  return repaired || static_cast<uint64_t>(st.st_size) < kHeaderBytes + mFileChunks * kChunkBytes;
+  const uint64_t inFile = mHeaderInMemory ? 0 : kHeaderBytes + mFileChunks * kChunkBytes;
+  return repaired || static_cast<uint64_t>(st.st_size) < inFile;
 }
 
 namespace {
@@ -358,6 +359,8 @@ uint64_t PoolFile::keepCutPartInMemory(std::vector<uint32_t>* movedSlots, bool* 
     c.fileChunk = -1;
     movedSlots->push_back(slot);
   }
+  // What is left in the file: the header and the chunks before the cut.
+  mFileChunks = size < kHeaderBytes ? 0 : static_cast<uint32_t>(std::min<uint64_t>(mFileChunks, (size - kHeaderBytes) / kChunkBytes));
   mInMemory = true;
   return size;
 }
