@@ -1074,3 +1074,40 @@ TEST(OfflineDurability, ThousandsOfGarbageQueueFiles) {
   EXPECT_NE(logcat.find(canChown ? "2970 more pool files in " : "2990 more pool files in "), std::string::npos);
   EXPECT_LE(countSubstr(logcat, "is not a queue file of this process's user"), 11u);
 }
+
+// The directories the library makes are the group's alone unless a property says
+// otherwise; a world-writable mode is refused, and a world-writable directory of ours
+// left by an older build is closed.
+TEST(OfflineDurability, DirectoryModes) {
+  struct Row {
+    const char* property;  // null: unset
+    bool oldOpenDir;       // the offline directory exists as 0777
+    mode_t expected;
+    const char* said;
+  };
+  const Row rows[] = {{nullptr, false, 02770, nullptr},
+                      {"2775", false, 02775, nullptr},
+                      {"777", false, 0775, "a directory every user can write is not made"},
+                      {"rw", false, 02770, "is not an octal mode the owner can use"},
+                      {nullptr, true, 02770, nullptr}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.property != nullptr ? row.property : "unset");
+    TempRoot root;
+    std::map<std::string, std::string> props;
+    if (row.property != nullptr) props[pool::kDirModeProperty] = row.property;
+    setMask(root, props);
+    if (row.oldOpenDir) {
+      ASSERT_EQ(system(("mkdir -p " + root.path(kDir)).c_str()), 0);
+      ASSERT_EQ(chmod(root.path(kDir).c_str(), 0777), 0);
+    }
+    restart(root);
+    struct stat st;
+    ASSERT_EQ(stat(root.path(kPoolDir).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, row.expected);
+    ASSERT_EQ(stat(root.path(kDir).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0002, 0u) << "the offline directory is not world-writable";
+    if (row.said != nullptr) {
+      EXPECT_NE(readFile(root.logcatFile()).find(row.said), std::string::npos);
+    }
+  }
+}

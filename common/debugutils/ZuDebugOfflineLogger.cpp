@@ -126,10 +126,7 @@ bool writeAll(int fd, const uint8_t* data, size_t len) {
 }
 
 // Creates a device directory and its parents; shared with every camera process.
-// The offline and queue directories: every camera process of the group writes there,
-// nobody else (the set-group-id bit keeps new files in the group).
-constexpr mode_t kDirMode = 02770;
-void makeDeviceDirs(const std::string& deviceDir) { devfs::makeDirs(deviceDir.c_str(), kDirMode); }
+void makeDeviceDirs(const std::string& deviceDir) { devfs::makeDirs(deviceDir.c_str(), pool::directoryMode()); }
 
 // The time a log file's name stands for, in microseconds of the epoch, for
 // "ZuCam_<type>_YYYY-MM-DD--hh-mm-ss-<microseconds>.<ext>"; other names (the

@@ -99,6 +99,26 @@ int createLockedTmp(const std::string& tmpPath, uint64_t bytes, std::string* why
 
 }  // namespace
 
+mode_t directoryMode() {
+  char value[PROPERTY_VALUE_MAX];
+  property_get(kDirModeProperty, value, "");
+  if (value[0] == '\0') return kDefaultDirMode;
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long mode = strtoul(value, &end, 8);
+  if (errno != 0 || end == value || *end != '\0' || mode > 07777 || (mode & 0700) != 0700) {
+    ZU_DBG_LOGE("OfflineLogger %s=\"%s\" is not an octal mode the owner can use: 0%o used", kDirModeProperty,
+                value, static_cast<unsigned>(kDefaultDirMode));
+    return kDefaultDirMode;
+  }
+  if ((mode & 0002) != 0) {
+    ZU_DBG_LOGE("OfflineLogger %s=\"%s\": a directory every user can write is not made; 0%o used",
+                kDirModeProperty, value, static_cast<unsigned>(mode & ~0002ul));
+    return static_cast<mode_t>(mode & ~0002ul);
+  }
+  return static_cast<mode_t>(mode);
+}
+
 uint32_t chunkLimit() {
   char value[PROPERTY_VALUE_MAX];
   property_get(kBoundProperty, value, "");
@@ -372,7 +392,7 @@ int64_t PoolFile::chunkFileOffset(uint32_t slot) const {
 
 bool PoolFile::relink(std::string* why) {
   const size_t slash = mPath.rfind('/');
-  if (slash != std::string::npos) devfs::makeDirs(mPath.substr(0, slash).c_str(), 02770);
+  if (slash != std::string::npos) devfs::makeDirs(mPath.substr(0, slash).c_str(), directoryMode());
   const std::string tmpPath = mPath + ".tmp";
   devfs::removeFile(tmpPath.c_str());
   if (mHeaderInMemory) {

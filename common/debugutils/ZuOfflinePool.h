@@ -18,6 +18,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -39,6 +40,13 @@ constexpr char kMagic[8] = {'Z', 'U', 'P', 'O', 'O', 'L', '1', '\0'};
 // onto a RAM file system, to spare flash).
 constexpr const char* kDefaultPoolDir = "/data/vendor/camera/offlinelog/.pool";
 constexpr const char* kPoolDirProperty = "persist.vendor.camera.offlinelog.pooldir";
+
+// Mode of the offline and queue directories the library makes: every camera process of
+// the group writes there, nobody else (the set-group-id bit keeps new files in the
+// group). The property gives another mode in octal; a world-writable one is refused.
+constexpr mode_t kDefaultDirMode = 02770;
+constexpr const char* kDirModeProperty = "persist.vendor.camera.offlinelog.dirmode";
+mode_t directoryMode();
 
 // The queues a pool may hold, in MiB (16 queues of 1 MiB make a chunk): past it lines
 // are given up and counted, and recovery reads no more than that of a dead file.

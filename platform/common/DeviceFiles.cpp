@@ -213,6 +213,13 @@ bool makeDirs(const char* path, mode_t mode) {
     errno = ENOTDIR;
     return false;
   }
+  // A directory of ours that every user may write (made so by an older build) is
+  // closed; never through a link, never someone else's.
+  if ((st.st_mode & 0002) != 0 && (mode & 0002) == 0) {
+    const int fd = open(p.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd >= 0 && fstat(fd, &st) == 0 && st.st_uid == geteuid()) fchmod(fd, mode);
+    if (fd >= 0) close(fd);
+  }
   return true;
 }
 
