@@ -599,33 +599,39 @@ void ZuDegbugOfflineLogger::takeFreshQueue(threadLocalInfo& local, bool handOver
   local.sThreadLocalQueuePoolId = id;
   local.offset = 0;
   if (queue == nullptr) return;
-  if (mState->mDroppedLines.load(std::memory_order_relaxed) > 0) {
-    auto& d = mState->mDrops;
-    char tids[128] = "", from[32], to[32];
-    uint32_t dropped;
-    {
-      std::lock_guard<std::mutex> lock(d.lock);
-      dropped = d.count;
-      size_t at = 0;
-      for (size_t i = 0; i < d.tidCount && at < sizeof(tids); ++i)
-        at +=
-            static_cast<size_t>(snprintf(tids + at, sizeof(tids) - at, "%s%u", i > 0 ? "," : "", d.tids[i]));
-      if (d.moreTids && at < sizeof(tids)) snprintf(tids + at, sizeof(tids) - at, ",...");
-      clockText(d.first, from, sizeof(from));
-      clockText(d.last, to, sizeof(to));
-      d.count = 0;
-      d.tidCount = 0;
-      d.moreTids = false;
-      mState->mDroppedLines.store(0, std::memory_order_relaxed);
-    }
-    char notice[512];
-    const size_t n = formatDiagnosticLine(
-        notice, sizeof(notice), "E", zuBaseName(__FILE__), "addLog", __LINE__,
-        "OfflineLogger dropped %u lines of threads %s between %s and %s: no queue memory could be had",
-        dropped, tids, from, to);
+  char notice[512];
+  if (const size_t n = takeDropNotice(notice, sizeof(notice))) {
     memcpy(local.queueAddress, notice, n);
     publish(local, static_cast<unsigned int>(n));
   }
+}
+
+// The line that says what was given up since the last one, taken (the count starts
+// again); 0 when nothing was.
+size_t ZuDegbugOfflineLogger::takeDropNotice(char* out, size_t size) {
+  if (mState->mDroppedLines.load(std::memory_order_relaxed) == 0) return 0;
+  auto& d = mState->mDrops;
+  char tids[128] = "", from[32], to[32];
+  uint32_t dropped;
+  {
+    std::lock_guard<std::mutex> lock(d.lock);
+    dropped = d.count;
+    if (dropped == 0) return 0;
+    size_t at = 0;
+    for (size_t i = 0; i < d.tidCount && at < sizeof(tids); ++i)
+      at += static_cast<size_t>(snprintf(tids + at, sizeof(tids) - at, "%s%u", i > 0 ? "," : "", d.tids[i]));
+    if (d.moreTids && at < sizeof(tids)) snprintf(tids + at, sizeof(tids) - at, ",...");
+    clockText(d.first, from, sizeof(from));
+    clockText(d.last, to, sizeof(to));
+    d.count = 0;
+    d.tidCount = 0;
+    d.moreTids = false;
+    mState->mDroppedLines.store(0, std::memory_order_relaxed);
+  }
+  return formatDiagnosticLine(
+      out, size, "E", zuBaseName(__FILE__), "addLog", __LINE__,
+      "OfflineLogger dropped %u lines of threads %s between %s and %s: no queue memory could be had", dropped,
+      tids, from, to);
 }
 
 // ---- files ----
@@ -842,6 +848,11 @@ void ZuDegbugOfflineLogger::forcedFlushLocked(int* result, bool recycle) {
     if (record.desc != nullptr && !record.bNeedFlush) writeRecordLocked(record, false, true);
   }
   writeCrashRecordsLocked();
+  // Lines given up that no later line told of yet (the threads stopped logging, or
+  // the logger stops): told now, behind everything kept.
+  char notice[512];
+  if (const size_t n = takeDropNotice(notice, sizeof(notice)))
+    writeBytesLocked(reinterpret_cast<const uint8_t*>(notice), static_cast<uint32_t>(n), nullptr, nullptr);
   rotateLocked();
 }
 
@@ -1232,6 +1243,12 @@ int ZuDegbugOfflineLogger::start() {
   {
     std::lock_guard<ZuOwnedRecursiveMutex> pool(mState->mPoolMutex);
     mState->mChunkLimit = pool::chunkLimit();
+    // Room for every block the bound allows: the flush reads these without the pool
+    // mutex while a thread that needs a queue adds a chunk.
+    const size_t blocks = static_cast<size_t>(mState->mChunkLimit) * pool::kBlocksPerChunk;
+    mState->mMemoryLogPool.reserve(blocks);
+    mState->mBlockDesc.reserve(blocks);
+    mState->mBlockFileIndex.reserve(blocks);
     mState->mQueuesShort.store(false, std::memory_order_relaxed);
     openPoolFile();
     if (allocateLogQueueMemPool() != 0) {

@@ -167,6 +167,7 @@ class ZUDEBUG_EXPORT ZuDegbugOfflineLogger {
   void keepCutQueuesInMemory();
   void noteEvidenceLocked();
   void noteDroppedLine(uint32_t tid);
+  size_t takeDropNotice(char* out, size_t size);
   void resetRecords(bool clearBlocks);
   void recoverDeadProcesses();
   std::string poolDirectory() const;
