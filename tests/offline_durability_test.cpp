@@ -449,6 +449,43 @@ TEST(OfflineDurability, WriteCutShortByTheKill) {
   }
 }
 
+// A dead process's pending write names a link, planted in the offline directory under
+// a log file's name, to a file outside: that file is neither cut back nor written, and
+// the block's bytes are written again into a file of ours.
+TEST(OfflineDurability, PendingWriteThroughALink) {
+  TempRoot root;
+  PoolImage image = killedWriterPool(root);
+  ASSERT_FALSE(image.path.empty());
+  uint32_t block = 0;
+  while (block < 16 && image.desc(block)->used == 0) ++block;
+  ASSERT_LT(block, 16u);
+  pool::BlockDesc* d = image.desc(block);
+  const std::string victim(108894, 'v');
+  root.writeFile("victim", victim);
+  ASSERT_EQ(chmod(root.path("victim").c_str(), 0600), 0);
+  const std::string name = kDir + "ZuCam_Debug_2001-01-01--00-00-00-000.txt";
+  ASSERT_EQ(symlink(root.path("victim").c_str(), root.path(name).c_str()), 0);
+  if (geteuid() == 0) {
+    // Planted by another user.
+    ASSERT_EQ(lchown(root.path(name).c_str(), 65534, 65534), 0);
+  }
+  pool::WriteIntent& in = image.header()->intent;
+  in.state = 1;
+  in.block = block;
+  in.from = d->flushed;
+  in.to = d->used;
+  in.fileOffset = 100;
+  snprintf(in.file, sizeof(in.file), "%s", ("/" + name).c_str());
+  image.save();
+  restart(root);
+  EXPECT_EQ(readFile(root.path("victim")), victim);
+  struct stat st;
+  ASSERT_EQ(stat(root.path("victim").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "not a log file of ours: left alone"), 1u);
+  expectExactlyOnce(allLogText(root), readCounts(root.path("counts.bin")), 0, 4);
+}
+
 // ---- pool files that cannot be trusted ----
 
 TEST(OfflineDurability, DamagedPoolFiles) {
@@ -804,7 +841,19 @@ ZU_CHILD_TEST(OfflineDurability, PlantedLinkChild) {
     if (name.rfind("ZuCam_Debug_2", 0) == 0) current = kDir + name;
   ASSERT_FALSE(current.empty());
   ASSERT_EQ(unlink(current.c_str()), 0);
-  ASSERT_EQ(symlink("../../../../victim", current.c_str()), 0);
+  if (env("PLANT") == "file") {
+    // Another user's file, writable by all, under the current file's name.
+    const int fd = open(current.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(fchown(fd, 65534, 65534), 0);
+    ASSERT_EQ(fchmod(fd, 0666), 0);
+    close(fd);
+  } else {
+    ASSERT_EQ(symlink("../../../../victim", current.c_str()), 0);
+    if (geteuid() == 0) {
+      ASSERT_EQ(lchown(current.c_str(), 65534, 65534), 0);
+    }
+  }
   logNumbered(0, 1);
   facade()->flushLogToFileInterface(true);
   facade()->stopOfflineLogger();
@@ -826,6 +875,27 @@ TEST(OfflineDurability, PlantedLinkIsLeftAlone) {
   // A directory the library makes is the group's alone.
   ASSERT_EQ(stat(root.path(kPoolDir).c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 02770u);
+}
+
+// The current log file replaced by another user's regular file, open to all: it is
+// neither written nor chmod'ed, the line goes to a new file of ours.
+TEST(OfflineDurability, PlantedForeignFileIsLeftAlone) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to make a file of another user";
+  TempRoot root;
+  setMask(root);
+  const ChildResult r = runChild("OfflineDurability.PlantedLinkChild", root, {{"PLANT", "file"}});
+  EXPECT_EQ(r.exitCode(), 0) << r.output;
+  size_t foreign = 0;
+  for (const std::string& name : debugFiles(root)) {
+    struct stat st;
+    ASSERT_EQ(stat(root.path(kDir + name).c_str(), &st), 0);
+    if (st.st_uid != 65534) continue;
+    ++foreign;
+    EXPECT_EQ(st.st_size, 0) << "nothing written into another user's file";
+    EXPECT_EQ(st.st_mode & 0777, 0666u);
+  }
+  EXPECT_EQ(foreign, 1u);
+  EXPECT_EQ(countSubstr(allLogText(root), "stress.cpp:1 run() T0 1\n"), 1u) << "the line after the swap";
 }
 
 // A camera process that crashed, then restarted by init twelve times, each start
