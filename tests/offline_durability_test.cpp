@@ -112,7 +112,8 @@ LossTold lossTold(const std::string& text) {
   for (size_t at = 0; (at = text.find(dropped, at)) != std::string::npos; ++at) {
     unsigned n = 0;
     int end = 0;
-    if (sscanf(text.c_str() + at + dropped.size(), "%u lines of threads %n", &n, &end) != 1 || end == 0) continue;
+    if (sscanf(text.c_str() + at + dropped.size(), "%u lines of threads %n", &n, &end) != 1 || end == 0)
+      continue;
     told.droppedLines += n;
     for (int tid : tidList(text, at + dropped.size() + end)) told.droppedTids.insert(tid);
   }
@@ -675,7 +676,8 @@ TEST(OfflineDurability, DroppedLinesAreCounted) {
       << "the count comes right before the next line";
   EXPECT_EQ(countSubstr(text, "run() T0 "), 1u) << "lines 0-9 were dropped";
   // Said once, not once a line.
-  EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "OfflineLogger queues are at their bound of 16 MiB"), 1u);
+  EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "OfflineLogger queues are at their bound of 16 MiB"),
+            1u);
 }
 
 // ---- the file system around the offline log ----
@@ -986,7 +988,8 @@ TEST(OfflineDurability, PlantedSparseQueueFile) {
   const std::string logcat = readFile(root.logcatFile());
   EXPECT_EQ(countSubstr(logcat, "1 blocks whose bytes were never written skipped"), 1u);
   EXPECT_EQ(countSubstr(logcat, "claims 64 chunks, more than the bound: only the first 4 read"), 1u);
-  for (const std::string& name : older) EXPECT_EQ(access(root.path(name).c_str(), F_OK), 0) << name << " rotated away";
+  for (const std::string& name : older)
+    EXPECT_EQ(access(root.path(name).c_str(), F_OK), 0) << name << " rotated away";
   EXPECT_EQ(poolFiles(root).size(), 0u);
 }
 
@@ -996,7 +999,8 @@ namespace {
 
 std::string livePoolPath(const std::string& rootDir, int pid) {
   for (const std::string& name : listDir(rootDir + "/" + kPoolDir))
-    if (name.find("_" + std::to_string(pid) + "_") != std::string::npos && name.find(".tmp") == std::string::npos)
+    if (name.find("_" + std::to_string(pid) + "_") != std::string::npos &&
+        name.find(".tmp") == std::string::npos)
       return rootDir + "/" + kPoolDir + name;
   return "";
 }
@@ -1020,7 +1024,8 @@ TEST(OfflineDurability, LiveQueueFileTamperedWith) {
     const std::string path = livePoolPath(root.path(""), pid);
     ASSERT_FALSE(path.empty());
     if (how == "cut") {
-      ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(pool::kHeaderBytes + pool::kAreaBytes + 2500000)), 0);
+      ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(pool::kHeaderBytes + pool::kAreaBytes + 2500000)),
+                0);
     } else {
       const int fd = open(path.c_str(), O_WRONLY);
       ASSERT_GE(fd, 0);
@@ -1109,13 +1114,15 @@ ZU_CHILD_TEST(OfflineDurability, HeldFlushChild) {
 TEST(OfflineDurability, FlushHeldUntilTheBound) {
   TempRoot root;
   setMask(root, {{pool::kBoundProperty, "16"}});
-  const ChildResult r = runChild("OfflineDurability.HeldFlushChild", root, {{"COUNTS", root.path("counts.bin")}});
+  const ChildResult r =
+      runChild("OfflineDurability.HeldFlushChild", root, {{"COUNTS", root.path("counts.bin")}});
   ASSERT_EQ(r.exitCode(), 0) << r.output;
   const std::string text = allLogText(root);
   const LossTold told = lossTold(text);
   EXPECT_GT(told.droppedLines, 0u) << "16 MiB of queues cannot hold 4 x 80000 lines";
   expectExactlyOnce(text, readCounts(root.path("counts.bin")), 0, 4, &told);
-  EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "OfflineLogger queues are at their bound of 16 MiB"), 1u);
+  EXPECT_EQ(countSubstr(readFile(root.logcatFile()), "OfflineLogger queues are at their bound of 16 MiB"),
+            1u);
 }
 
 // Thousands of junk files where the queue files live, some of another user, one a link
@@ -1146,7 +1153,8 @@ TEST(OfflineDurability, ThousandsOfGarbageQueueFiles) {
   EXPECT_EQ(readFile(root.path("outside")), "keep me\n");
   const std::string logcat = readFile(root.logcatFile());
   EXPECT_EQ(countSubstr(logcat, "cannot be trusted"), 11u) << "ten lines and a sum";
-  EXPECT_NE(logcat.find(canChown ? "2970 more pool files in " : "2990 more pool files in "), std::string::npos);
+  EXPECT_NE(logcat.find(canChown ? "2970 more pool files in " : "2990 more pool files in "),
+            std::string::npos);
   EXPECT_LE(countSubstr(logcat, "is not a queue file of this process's user"), 11u);
 }
 

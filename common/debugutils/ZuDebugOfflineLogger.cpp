@@ -126,7 +126,9 @@ bool writeAll(int fd, const uint8_t* data, size_t len) {
 }
 
 // Creates a device directory and its parents; shared with every camera process.
-void makeDeviceDirs(const std::string& deviceDir) { devfs::makeDirs(deviceDir.c_str(), pool::directoryMode()); }
+void makeDeviceDirs(const std::string& deviceDir) {
+  devfs::makeDirs(deviceDir.c_str(), pool::directoryMode());
+}
 
 // The time a log file's name stands for, in microseconds of the epoch, for
 // "ZuCam_<type>_YYYY-MM-DD--hh-mm-ss-<microseconds>.<ext>"; other names (the
@@ -365,7 +367,8 @@ int ZuDegbugOfflineLogger::requestNewLogQueue(uint8_t*& queue, uint32_t threadId
   if (mState->mFreeMemoryIndex.empty()) {
     // Said once until a queue is free again; the flush is woken to free one.
     if (!mState->mQueuesShort.exchange(true)) {
-      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "requestNewLogQueue", "Offlinelog failed to request new container");
+      ZU_OFFLINE_LOG_AS(ANDROID_LOG_ERROR, "requestNewLogQueue",
+                        "Offlinelog failed to request new container");
       ZU_DBG_LOGE(
           "OfflineLogger queues are at their bound of %zu MiB (%s): lines are given up and counted until "
           "the flush frees a queue",
@@ -638,7 +641,8 @@ size_t ZuDegbugOfflineLogger::takeDropNotice(char* out, size_t size) {
 
 void ZuDegbugOfflineLogger::retryWaitingWrites() {
   if (mState->mStatus.load() != kStatusActive) return;
-  if (mState->mWriteFailing.load(std::memory_order_relaxed) || mState->mQueuesShort.load(std::memory_order_relaxed))
+  if (mState->mWriteFailing.load(std::memory_order_relaxed) ||
+      mState->mQueuesShort.load(std::memory_order_relaxed))
     flushLogToFile(false);
 }
 
@@ -700,7 +704,8 @@ void ZuDegbugOfflineLogger::keepCutQueuesInMemory() {
     for (uint32_t i = 0; i < pool::kBlocksPerChunk; ++i) {
       const size_t block = slot * pool::kBlocksPerChunk + i;
       mState->mBlockFileIndex[block] = -1;
-      const uint64_t blockAt = static_cast<uint64_t>(chunkAt) + pool::kAreaBytes + i * static_cast<uint64_t>(kBlockSize);
+      const uint64_t blockAt =
+          static_cast<uint64_t>(chunkAt) + pool::kAreaBytes + i * static_cast<uint64_t>(kBlockSize);
       for (const auto& entry : mState->mPerLogInfoPool) {
         PerLogThreadInfo& record = *entry;
         if (record.desc == nullptr || record.memoryIndex != static_cast<int32_t>(block)) continue;
@@ -939,8 +944,10 @@ void ZuDegbugOfflineLogger::writeRecordLocked(PerLogThreadInfo& record, bool wai
   const uint32_t used = std::min(record.usedSize.load(std::memory_order_acquire), kBlockSize);
   const uint32_t state = pool::loadAcquire(&desc->state);
   const uint32_t fileFlushed = pool::loadAcquire(&desc->flushed);
-  const bool fileSane = (state == pool::kBlockOwned || state == pool::kBlockWaiting) && desc->tid == record.threadId;
-  const uint32_t from = fileSane && fileFlushed <= used ? std::max(record.flushedSize, fileFlushed) : record.flushedSize;
+  const bool fileSane =
+      (state == pool::kBlockOwned || state == pool::kBlockWaiting) && desc->tid == record.threadId;
+  const uint32_t from =
+      fileSane && fileFlushed <= used ? std::max(record.flushedSize, fileFlushed) : record.flushedSize;
   if (!fileSane) {
     // Overwritten under the process: put back what the next start needs.
     desc->tid = record.threadId;

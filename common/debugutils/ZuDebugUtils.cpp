@@ -272,8 +272,8 @@ void ZuDebugInterface::requestOfflineLogThreadProcessing() {
       std::unique_lock<std::mutex> lock(mWaitMutex);
       // A wake-up that came during the last flush is not lost. Once a second without
       // one, a write that failed (a full disk) or queues that ran out are tried again.
-      signalled =
-          mFlushSignal.wait_for(lock, std::chrono::seconds(1), [this] { return mSignalPending || mExitRequest; });
+      signalled = mFlushSignal.wait_for(lock, std::chrono::seconds(1),
+                                        [this] { return mSignalPending || mExitRequest; });
       mSignalPending = false;
       if (mExitRequest) break;
     }

@@ -103,17 +103,17 @@ class ZUDEBUG_EXPORT ZuPoolLock {
 // One record per handed-out queue; its index in the pool is the register id. Its owner
 // updates it with every line: a cache line of its own.
 struct alignas(64) PerLogThreadInfo {
-  bool bNeedFlush = false;          // handed to the flush thread
-  bool bReserved = false;           // cleared whenever the record is (re)used
-  uint32_t threadId = 0;            // kernel id of the owner
-  int32_t memoryIndex = -1;         // block index in mMemoryLogPool
-  uint32_t sessionCount = 0;        // owner's session when the queue was taken
+  bool bNeedFlush = false;            // handed to the flush thread
+  bool bReserved = false;             // cleared whenever the record is (re)used
+  uint32_t threadId = 0;              // kernel id of the owner
+  int32_t memoryIndex = -1;           // block index in mMemoryLogPool
+  uint32_t sessionCount = 0;          // owner's session when the queue was taken
   std::atomic<uint32_t> usedSize{0};  // bytes written into the block, published by the owner
   uint32_t flushedSize = 0;           // bytes of the block in a file: the flusher's own count
-  std::string name;                 // kept for the owner's name
-  uint32_t writtenTotal = 0;        // running count mirrored from the owner
-  uint8_t* address = nullptr;       // the block itself, so owners need not index the pool
-  pool::BlockDesc* desc = nullptr;  // the block's durable counters; null once recycled
+  std::string name;                   // kept for the owner's name
+  uint32_t writtenTotal = 0;          // running count mirrored from the owner
+  uint8_t* address = nullptr;         // the block itself, so owners need not index the pool
+  pool::BlockDesc* desc = nullptr;    // the block's durable counters; null once recycled
 };
 
 // Per logger and thread: released at thread exit, when the thread's last queue is

@@ -264,9 +264,10 @@ bool PoolFile::grow(Chunk* out, std::string* why) {
       }
     }
   }
-  void* base = mBase != nullptr ? mmap(slotAddress(slot), kChunkBytes, PROT_READ | PROT_WRITE,
-                                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0)
-                                : mmap(nullptr, kChunkBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* base = mBase != nullptr
+                   ? mmap(slotAddress(slot), kChunkBytes, PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0)
+                   : mmap(nullptr, kChunkBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (base == MAP_FAILED) return false;
   out->base = static_cast<uint8_t*>(base);
   out->fileChunk = -1;
@@ -295,7 +296,8 @@ void PoolFile::detachAfterFork() {
     c.fileChunk = -1;
   }
   if (mHeader != nullptr) {
-    if (!mHeaderInMemory) mmap(mHeader, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, mFd, 0);
+    if (!mHeaderInMemory)
+      mmap(mHeader, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, mFd, 0);
     mDetachedHeader = mHeader;
     mHeader = nullptr;
     mCrash = CrashArea(static_cast<uint8_t*>(mDetachedHeader), false);
@@ -380,7 +382,10 @@ uint64_t PoolFile::keepCutPartInMemory(std::vector<uint32_t>* movedSlots, bool* 
     movedSlots->push_back(slot);
   }
   // What is left in the file: the header and the chunks before the cut.
-  mFileChunks = size < kHeaderBytes ? 0 : static_cast<uint32_t>(std::min<uint64_t>(mFileChunks, (size - kHeaderBytes) / kChunkBytes));
+  mFileChunks =
+      size < kHeaderBytes
+          ? 0
+          : static_cast<uint32_t>(std::min<uint64_t>(mFileChunks, (size - kHeaderBytes) / kChunkBytes));
   mInMemory = true;
   return size;
 }
@@ -399,7 +404,8 @@ bool PoolFile::relink(std::string* why) {
     *why = "it was cut short before: the queues stay in process memory";
     return false;
   }
-  const int fd = createLockedTmp(tmpPath, kHeaderBytes + static_cast<uint64_t>(mFileChunks) * kChunkBytes, why);
+  const int fd =
+      createLockedTmp(tmpPath, kHeaderBytes + static_cast<uint64_t>(mFileChunks) * kChunkBytes, why);
   if (fd < 0) return false;
   auto fail = [&](const std::string& reason) {
     *why = reason;
@@ -722,8 +728,8 @@ int recoverDeadPools(const std::string& dir, const std::string& typeName, uint32
     std::string why;
     if (!dead.load(loggerType, chunkLimit, &why)) {
       if (++untrusted <= kLinesEach)
-        ZU_DBG_LOGE("OfflineLogger pool file %s cannot be trusted (%s): removed without recovery", path.c_str(),
-                    why.c_str());
+        ZU_DBG_LOGE("OfflineLogger pool file %s cannot be trusted (%s): removed without recovery",
+                    path.c_str(), why.c_str());
       devfs::removeFile(path.c_str());
       ::close(fd);
       continue;

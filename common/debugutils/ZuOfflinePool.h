@@ -235,10 +235,10 @@ class PoolFile {
   int mFd = -1;
   uint8_t* mBase = nullptr;  // address space for the header and every chunk the bound allows
   uint64_t mReserved = 0;
-  uint32_t mSlots = 0;       // chunks that fit in it
-  uint32_t mFileChunks = 0;  // chunks added to the file
-  int mGuard = -1;           // its handle with the fault guard
-  bool mInMemory = false;    // cut short once: no more chunks from the file
+  uint32_t mSlots = 0;           // chunks that fit in it
+  uint32_t mFileChunks = 0;      // chunks added to the file
+  int mGuard = -1;               // its handle with the fault guard
+  bool mInMemory = false;        // cut short once: no more chunks from the file
   bool mHeaderInMemory = false;  // cut below its header: the crash slots live in process memory
   PoolHeader* mHeader = nullptr;
   void* mDetachedHeader = nullptr;
